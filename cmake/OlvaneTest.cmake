@@ -1,0 +1,20 @@
+find_package(GTest REQUIRED)
+
+# Registers one GoogleTest file as one test executable, named after the file.
+function(olvane_add_test file)
+    get_filename_component(name ${file} NAME_WE)
+    add_executable(${name} ${file} ${ARGN})
+    target_link_libraries(${name} PRIVATE olvane-core olvane-testsupport GTest::gtest GTest::gmock)
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES
+        ENVIRONMENT "OLVANE_TEST_DATA=${PROJECT_SOURCE_DIR}/tests/data;QT_QPA_PLATFORM=offscreen"
+        TIMEOUT 300)
+endfunction()
+
+# Every *Test.cpp of the calling folder.
+function(olvane_add_tests_here)
+    file(GLOB files CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*Test.cpp)
+    foreach(f ${files})
+        olvane_add_test(${f})
+    endforeach()
+endfunction()

@@ -1,0 +1,37 @@
+#pragma once
+// DatabaseMgr::open, the one way a stage connects to its device's database.
+
+#include <sqlite3.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "platform/common/DatabaseMgr.h"
+#include "platform/log/ZQLog.h"
+
+// Opens `stream`'s connection on the device's database, creating the
+// database directory first, and sets the busy time-out. Throws
+// std::runtime_error("cannot open db") when the open fails; the stream is
+// then left with no connection and cleared flags.
+template <class Stream>
+bool DatabaseMgr::open(const std::string& devId, Stream& stream, int timeoutMs) {
+    std::string name = getDbNameFromDevId(devId);
+    createDirectory();
+    stream.finalize();
+    if (stream.db) {
+        sqlite3_close(stream.db);
+        stream.db = nullptr;
+    }
+    int rc = sqlite3_open(name.c_str(), &stream.db);
+    if (rc != SQLITE_OK) {
+        if (stream.db)
+            sqlite3_close(stream.db);
+        stream.clear();
+        stream.db = nullptr;
+        ZQLOG_WARN("error opening db: %s", name.c_str());
+        throw std::runtime_error("cannot open db");
+    }
+    ZQLOG_INFO("Set timeout to %d ms", timeoutMs);
+    sqlite3_busy_timeout(stream.db, timeoutMs);
+    return true;
+}

@@ -1,0 +1,161 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <boost/shared_ptr.hpp>
+#include <cstdarg>
+#include <deque>
+#include <string>
+
+#include "framework/Runnable.h"
+#include "platform/log/ZQLog.h"
+
+namespace kestrow {
+
+// A stage's worker: one thread and one bounded queue of blocks of type T.
+//
+// `mutex` guards `count`, `queue` and the waits on `cond`. `state` is a plain
+// int: enqueue's first test, pause() and start() from running read or write it
+// without the lock; the broadcasts of stop() and start() make waiters re-read it.
+// No operation times out: both waits are unbounded.
+//
+// Once stopping, pop() returns with `mutex` still held, on purpose: the run
+// loop ends and nothing locks this stage again (enqueue tests the state first).
+template <class T>
+class BaseServer : public Runnable {
+public:
+    explicit BaseServer(const char* name_)
+        : capacity(100), count(0), thread(0), state(2), name(name_) {
+        pthread_mutex_init(&mutex, nullptr);
+        pthread_cond_init(&cond, nullptr);
+    }
+
+    ~BaseServer() override {
+        implZQLog(0, DLT_LOG_INFO, zqPrettyFunction ? __PRETTY_FUNCTION__ : "~BaseServer", __LINE__,
+                  "", "~BaseServer");
+        pthread_mutex_destroy(&mutex);
+        pthread_cond_destroy(&cond);
+    }
+
+    // Appends a block; waits while the queue is full. A stopping stage drops it.
+    virtual void enqueue(boost::shared_ptr<T> block) {
+        if (state == 1) {
+            ZQLOG_INFO("%d: enqueue skipped block for op %d", state,
+                       block ? block->operation.id : -1);
+            return;
+        }
+        pthread_mutex_lock(&mutex);
+        while (count >= capacity)
+            pthread_cond_wait(&cond, &mutex);
+        queue.push_back(block);
+        ++count;
+        ZQLOG_INFO("%s %d (op: %d)", name, count, block ? block->operation.id : -1);
+        pthread_cond_broadcast(&cond);
+        pthread_mutex_unlock(&mutex);
+    }
+
+    // Takes the front block; waits while the queue is empty or the stage is
+    // paused. Empty pointer once the stage is stopping. Run loop only.
+    boost::shared_ptr<T> pop() {
+        if (state == 1)
+            return boost::shared_ptr<T>();
+        pthread_mutex_lock(&mutex);
+        while (count == 0 || state == 2) {
+            pthread_cond_wait(&cond, &mutex);
+            if (state == 1)
+                return boost::shared_ptr<T>();  // keeps `mutex`, see above
+        }
+        if (state == 1)
+            return boost::shared_ptr<T>();
+        boost::shared_ptr<T> block = queue.front();
+        queue.pop_front();
+        --count;
+        ZQLOG_INFO("%s %d (op:%d)", name, count, block ? block->operation.id : -1);
+        pthread_cond_broadcast(&cond);
+        pthread_mutex_unlock(&mutex);
+        return block;
+    }
+
+    void start() override {
+        if (state == 1) {
+            ZQLOG_WARN("SYSTEM is Stopping cannot start it again %s", name);
+        } else if (state == 2) {
+            ZQLOG_INFO("%s is now paused play it again", name);
+            pthread_mutex_lock(&mutex);
+            state = 0;
+            pthread_cond_broadcast(&cond);
+            pthread_mutex_unlock(&mutex);
+        } else {
+            state = 0;
+        }
+    }
+
+    void pause() override {
+        if (state == 1) {
+            ZQLOG_WARN("SYSTEM is Stopping cannot be paused %s", name);
+            return;
+        }
+        state = 2;
+    }
+
+    void stop() override {
+        ZQLOG_INFO("%s stop %x", name, unsigned(reinterpret_cast<uintptr_t>(this)));
+        pthread_mutex_lock(&mutex);
+        state = 1;
+        while (count != 0) {
+            ZQLOG_INFO("%s stop DELETING %d", name, count);
+            queue.front().reset();
+            queue.pop_front();
+            --count;
+        }
+        pthread_cond_broadcast(&cond);
+        pthread_mutex_unlock(&mutex);
+        ZQLOG_INFO("%s stopped", name);
+    }
+
+    void launch() override {
+        ZQLOG_DEBUG("pthread_create");
+        int rc = pthread_create(&thread, nullptr, runner, static_cast<Runnable*>(this));
+        if (rc != 0)
+            ZQLOG_ERROR("pthread_create FAILED %d", rc);
+    }
+
+    void join() override {
+        ZQLOG_INFO("%s join", name);
+        pthread_join(thread, nullptr);
+        ZQLOG_INFO("%s joined", name);
+    }
+
+    // The stage's log wrapper: "<name>::<function>", then the platform's log.
+    void implZQLog(unsigned char context, DltLogLevelType level, const char* function, int line,
+                   const char* file, const char* format, ...)
+        __attribute__((format(printf, 7, 8))) {
+        std::string text = std::string(name) + "::" + (function ? function : "");
+        va_list args;
+        va_start(args, format);
+        ::vimplZQLog(context, level, text.c_str(), line, file, format, args);
+        va_end(args);
+    }
+
+    const char* getName() const { return name; }
+    int getState() const { return state; }
+    // Blocks now queued, read under the lock (for observers and tests).
+    int queued() {
+        pthread_mutex_lock(&mutex);
+        int n = count;
+        pthread_mutex_unlock(&mutex);
+        return n;
+    }
+
+protected:
+    int capacity;
+    int count;
+    std::deque<boost::shared_ptr<T>> queue;
+    pthread_mutex_t mutex;
+    pthread_cond_t cond;
+    pthread_t thread;
+    int state;  // 0 running, 1 stopping, 2 paused
+    const char* name;
+};
+
+}  // namespace kestrow

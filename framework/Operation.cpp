@@ -1,0 +1,26 @@
+#include "framework/Operation.h"
+
+namespace kestrow {
+
+Operation::Operation() : id(0), handle(0), lastBlock(false), deviceGone(false) {}
+
+Operation::Operation(int id_, unsigned handle_, const std::string& deviceId_,
+                     const std::string& mountPoint_, bool lastBlock_)
+    : id(id_),
+      handle(handle_),
+      deviceId(deviceId_),
+      mountPoint(mountPoint_),
+      lastBlock(lastBlock_),
+      deviceGone(false) {}
+
+Operation::Operation(const Operation& other)
+    : id(other.id),
+      handle(other.handle),
+      deviceId(other.deviceId),
+      mountPoint(other.mountPoint),
+      lastBlock(other.lastBlock),
+      deviceGone(other.deviceGone) {}
+
+Operation::~Operation() = default;
+
+}  // namespace kestrow

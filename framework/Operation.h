@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+namespace kestrow {
+
+// Identity of one indexing request, copied into every block of the request.
+// A plain value: copies carry every field, deviceGone included.
+class Operation {
+public:
+    Operation();
+    Operation(int id, unsigned handle, const std::string& deviceId, const std::string& mountPoint,
+              bool lastBlock);
+    Operation(const Operation& other);
+    Operation& operator=(const Operation& other) = default;
+    ~Operation();
+
+    int id;
+    unsigned handle;
+    std::string deviceId;
+    std::string mountPoint;
+    // True on the block that completes the operation in the stage emitting it.
+    bool lastBlock;
+    // Set by a stage that found the device gone; never cleared.
+    bool deviceGone;
+};
+
+}  // namespace kestrow

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <exception>
+
+#include "framework/BaseServer.h"
+#include "framework/Block.h"
+
+namespace kestrow {
+
+// A stage: its thread turns each TIN block into at most one TOUT block and
+// hands it to `next`. `next` is not owned, is wired before launch() and never
+// changes while the thread runs. doOperation and signalCompletion run on the
+// stage's own thread only; doOperation may throw std::exception.
+template <class TIN, class TOUT>
+class Server : public BaseServer<TIN> {
+public:
+    explicit Server(const char* name_, BaseServer<TOUT>* next_ = nullptr)
+        : BaseServer<TIN>(name_), next(next_) {}
+
+    virtual boost::shared_ptr<TOUT> doOperation(boost::shared_ptr<TIN> /*input*/) {
+        return boost::shared_ptr<TOUT>();
+    }
+
+    void runLoop() override {
+        for (;;) {
+            boost::shared_ptr<TIN> input = this->pop();
+            if (!input || this->state == 1)
+                break;
+            boost::shared_ptr<TOUT> result;
+            try {
+                result = doOperation(input);
+                if (next && result) {
+                    bool forward = true;
+                    if (this->state == 0) {
+                        if (result->operation.lastBlock)
+                            this->signalCompletion(result->operation);
+                    } else {
+                        forward = result->operation.lastBlock;
+                    }
+                    if (forward)
+                        next->enqueue(result);
+                }
+            } catch (const std::exception& e) {
+                ZQLOG_ERROR("%s: an error occured: %s", this->name, e.what());
+                if (next && (this->state == 0 || input->operation.lastBlock)) {
+                    boost::shared_ptr<TOUT> empty(new TOUT());
+                    empty->operation = input->operation;
+                    next->enqueue(empty);
+                }
+            }
+            result.reset();
+            input.reset();
+            if (this->state == 1)
+                break;
+        }
+        ZQLOG_INFO("%s EXITING Run Loop", this->name);
+    }
+
+    BaseServer<TOUT>* next;
+};
+
+}  // namespace kestrow

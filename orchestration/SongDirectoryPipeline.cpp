@@ -1,0 +1,97 @@
+#include "orchestration/SongDirectoryPipeline.h"
+
+#include <sqlite3.h>
+
+#include <QString>
+
+#include "db/DatabaseOpen.h"
+#include "facade/KestrowQTProxy.h"
+#include "msd/Directory.h"
+#include "orchestration/Kestrow.h"
+#include "platform/common/DatabaseMgr.h"
+#include "sql/SqlStream.h"
+
+namespace kestrow {
+
+SongDirectoryPipeline::SongDirectoryPipeline(const char* name_, Kestrow* owner_,
+                                             OperationType type_)
+    : Pipeline<Block<void>, Block<void>>(name_), owner(owner_), type(type_) {
+    next = owner_;
+}
+
+void SongDirectoryPipeline::enqueueNewOperation(KestrowOperation& operation,
+                                                bool isFirstPartition) {
+    ZQLOG_INFO("enqueueNewOperation mp: %s", operation.mountPoint.c_str());
+    DatabaseMgr& mgr = DatabaseMgr::instance();
+    mgr.createDb(operation.deviceId, operation.mountPoint, isFirstPartition);
+    if (mgr.getStatus(operation.deviceId, operation.mountPoint) == "OK") {
+        emit KestrowQTProxy::instance().databaseExists(
+            QString::fromLatin1(operation.deviceId.c_str()),
+            QString::fromLatin1(operation.mountPoint.c_str()));
+    }
+    enqueueOperation(operation);
+}
+
+void SongDirectoryPipeline::enqueueOperation(KestrowOperation& operation) {
+    ZQLOG_INFO("enqueueOperation %d", operation.id);
+    currentOperation = operation;
+    boost::shared_ptr<Block<Directory*>> root(new Block<Directory*>());
+    root->operation =
+        Operation(operation.id, operation.handle, operation.deviceId, operation.mountPoint, true);
+    root->items.push_back(new Directory(operation.mountPoint, operation.mountPoint, -1));
+    crawler()->enqueue(root);
+}
+
+boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
+    boost::shared_ptr<Block<void>> block) {
+    const Operation& op = block->operation;
+    if (!op.lastBlock) {
+        ZQLOG_ERROR("Received a non LAST block! WE SHOULD NEVER BE HERE");
+        return boost::shared_ptr<Block<void>>();
+    }
+    if (op.id != currentOperation.id) {
+        ZQLOG_ERROR("OPERATION MISMATCH!!");
+        return boost::shared_ptr<Block<void>>();
+    }
+    ++currentOperation.resultCount;
+    currentOperation.incomplete = currentOperation.incomplete || op.deviceGone;
+    ZQLOG_INFO("Result for id %d: %d", op.id, currentOperation.resultCount);
+    if (currentOperation.resultCount != kTerminalStages)
+        return boost::shared_ptr<Block<void>>();
+
+    ZQLOG_INFO("Clear Playlists");
+    try {
+        sqlstl::basic_sqlostream<char> stream;
+        DatabaseMgr::instance().open(currentOperation.deviceId, stream, 3600000);
+        char* error = nullptr;
+        int rc = sqlite3_exec(stream.db,
+                              "BEGIN TRANSACTION; DELETE FROM PLAYLISTS WHERE TRACKID NOT IN "
+                              "(SELECT OBJECTID from SONGS);COMMIT;",
+                              nullptr, nullptr, &error);
+        if (rc != SQLITE_OK) {
+            ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(stream.db));
+            sqlite3_exec(stream.db, "ROLLBACK;", nullptr, nullptr, nullptr);
+        }
+        sqlite3_free(error);
+        stream.close();
+    } catch (const std::exception& e) {
+        ZQLOG_ERROR("exec failed: %d %s", SQLITE_CANTOPEN, e.what());
+    }
+
+    long elapsed = currentOperation.timer.stop();
+    ZQLOG_INFO("End operation for id %d that took %ld", op.id, elapsed);
+
+    DatabaseMgr& mgr = DatabaseMgr::instance();
+    const std::string& deviceId = currentOperation.deviceId;
+    const std::string& mountPoint = currentOperation.mountPoint;
+    mgr.insertStatus(deviceId, mountPoint, currentOperation.incomplete ? "PROGRESS" : "OK");
+    mgr.removeDanglingPartitions(deviceId, mountPoint);
+    emit KestrowQTProxy::instance().indexingFinished(QString::fromLatin1(mountPoint.c_str()));
+    mgr.sync(deviceId);
+    mgr.checkAndDelete(deviceId, 89128960);
+
+    owner->enqueue(block);
+    return boost::shared_ptr<Block<void>>();
+}
+
+}  // namespace kestrow

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "framework/Block.h"
+#include "framework/KestrowOperation.h"
+#include "framework/OperationType.h"
+#include "framework/Pipeline.h"
+
+namespace kestrow {
+
+struct Directory;
+class Kestrow;
+
+// One indexing request of the scheduler: prepares the device's database,
+// seeds the crawler with the request's root, waits for the completion
+// blocks of its three chains and then finishes the operation.
+// enqueueNewOperation runs on the caller's thread under the scheduler's lock;
+// doOperation runs on the pipeline's own thread and never takes that lock.
+class SongDirectoryPipeline : public Pipeline<Block<void>, Block<void>> {
+public:
+    // Completion blocks expected per operation: directory, song and playlist savers.
+    static const int kTerminalStages = 3;
+
+    SongDirectoryPipeline(const char* name, Kestrow* owner, OperationType type);
+
+    boost::shared_ptr<Block<void>> doOperation(boost::shared_ptr<Block<void>> block) override;
+    // Creates the database, announces a complete one, seeds the crawler. May throw.
+    virtual void enqueueNewOperation(KestrowOperation& operation, bool isFirstPartition);
+    virtual BaseServer<Block<Directory*>>* crawler() = 0;
+
+    void enqueueOperation(KestrowOperation& operation);
+
+    const KestrowOperation& getCurrentOperation() const { return currentOperation; }
+
+protected:
+    KestrowOperation currentOperation;
+    Kestrow* owner;
+    OperationType type;
+};
+
+}  // namespace kestrow

@@ -1,0 +1,108 @@
+#include "platform/common/MetaDataInfo.h"
+
+#include <strings.h>
+
+#include "platform/common/Md5.h"
+
+namespace {
+
+std::string directoryOf(const std::string& path) {
+    size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return std::string();
+    if (slash == 0)
+        return "/";
+    return path.substr(0, slash);
+}
+
+std::string lastComponent(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+int MetaDataInfo::audioTypeFromPath(const std::string& path) {
+    size_t dot = path.rfind('.');
+    if (dot == std::string::npos)
+        return AUDIO_UNKNOWN;
+    const char* ext = path.c_str() + dot;
+    struct {
+        const char* ext;
+        int type;
+    } static const table[] = {
+        {".mp3", AUDIO_MP3},   {".m4a", AUDIO_AAC}, {".m4b", AUDIO_AAC},   {".m4p", AUDIO_AAC},
+        {".m4r", AUDIO_AAC},   {".mp4", AUDIO_AAC}, {".aac", AUDIO_AAC},   {".wma", AUDIO_WMA},
+        {".asf", AUDIO_WMA},   {".wav", AUDIO_WAV}, {".flac", AUDIO_FLAC}, {".mpg", AUDIO_MPEG},
+        {".mpeg", AUDIO_MPEG},
+    };
+    for (const auto& e : table)
+        if (strcasecmp(ext, e.ext) == 0)
+            return e.type;
+    return AUDIO_UNKNOWN;
+}
+
+void MetaDataInfo::init(const std::string& path_, const std::string& partition,
+                        const std::string& title_, const std::string& artist_,
+                        const std::string& album_, const std::string& genre_,
+                        const std::string& composer_, int trackNumber_, int discNumber_,
+                        long lastModified_) {
+    path = path_;
+    mountPoint = partition;
+    partitionId = Md5(Md5::DIRECTORY, partition).toString();
+    objectId = Md5(Md5::SONG, path_).toString();
+    directoryId = Md5(Md5::DIRECTORY, directoryOf(path_)).toString();
+    name = lastComponent(path_);
+    title = title_;
+    artist = artist_;
+    album = album_;
+    genre = genre_;
+    composer = composer_;
+    artistId = Md5(Md5::ARTIST, artist_).toString();
+    // Two artists' "Greatest Hits" are two albums.
+    albumId = Md5(Md5::ALBUM, album_ + '\x1f' + artist_).toString();
+    genreId = Md5(Md5::GENRE, genre_).toString();
+    composerId = Md5(Md5::COMPOSER, composer_).toString();
+    audioType = audioTypeFromPath(path_);
+    bookmark = 0;
+    lastModified = lastModified_;
+    trackNumber = trackNumber_;
+    discNumber = discNumber_;
+}
+
+MetaDataInfo::MetaDataInfo(const std::string& path_, const std::string& mountPoint_,
+                           const std::string& title_, const std::string& artist_,
+                           const std::string& album_, const std::string& genre_,
+                           const std::string& composer_, int trackNumber_, int discNumber_,
+                           long lastModified_) {
+    init(path_, mountPoint_, title_, artist_, album_, genre_, composer_, trackNumber_, discNumber_,
+         lastModified_);
+}
+
+MetaDataInfo::MetaDataInfo(const std::string& path_, const std::string& mountPoint_,
+                           const StrippedValue& title_, const StrippedValue& artist_,
+                           const StrippedValue& album_, const StrippedValue& genre_,
+                           const StrippedValue& composer_, int trackNumber_, int discNumber_,
+                           long lastModified_) {
+    init(path_, mountPoint_, title_.str(), artist_.str(), album_.str(), genre_.str(),
+         composer_.str(), trackNumber_, discNumber_, lastModified_);
+}
+
+MetaDataInfo::MetaDataInfo(const std::string& path_, const std::string& parent,
+                           const std::string& title_, const std::string& artist_,
+                           const std::string& album_, const std::string& genre_,
+                           const std::string& composer_, int trackNumber_, int discNumber_,
+                           long lastModified_, const std::string& songId) {
+    init(path_, parent, title_, artist_, album_, genre_, composer_, trackNumber_, discNumber_,
+         lastModified_);
+    objectId = songId;
+}
+
+void MetaDataInfo::setAsianFields() {
+    // Transliteration is filled in by the common library's ICU support.
+    asianTitle.clear();
+    asianArtist.clear();
+    asianAlbum.clear();
+    asianGenre.clear();
+    asianComposer.clear();
+}

@@ -1,0 +1,70 @@
+#pragma once
+// One song as the song saver writes it. Texts are UTF-8; ids are Md5 texts.
+
+#include <string>
+
+#include "platform/common/StrippedValue.h"
+
+class MetaDataInfo {
+public:
+    // Mass storage, from raw texts and from trimmed ones.
+    MetaDataInfo(const std::string& path, const std::string& mountPoint, const std::string& title,
+                 const std::string& artist, const std::string& album, const std::string& genre,
+                 const std::string& composer, int trackNumber, int discNumber, long lastModified);
+    MetaDataInfo(const std::string& path, const std::string& mountPoint, const StrippedValue& title,
+                 const StrippedValue& artist, const StrippedValue& album,
+                 const StrippedValue& genre, const StrippedValue& composer, int trackNumber,
+                 int discNumber, long lastModified);
+    // MTP: `parent` is the partition text; `songId` is the song's object id.
+    MetaDataInfo(const std::string& path, const std::string& parent, const std::string& title,
+                 const std::string& artist, const std::string& album, const std::string& genre,
+                 const std::string& composer, int trackNumber, int discNumber, long lastModified,
+                 const std::string& songId);
+
+    // Fills the Asian readings: a Latin transliteration of texts holding
+    // Han, Hiragana, Katakana or Hangul, empty otherwise.
+    void setAsianFields();
+
+    // Audio type codes, from the file's extension.
+    enum AudioType {
+        AUDIO_UNKNOWN = 0,
+        AUDIO_MP3 = 1,
+        AUDIO_AAC = 2,  // .m4a .m4b .m4p .m4r .mp4 .aac
+        AUDIO_WMA = 3,  // .wma .asf
+        AUDIO_WAV = 4,
+        AUDIO_FLAC = 5,
+        AUDIO_MPEG = 6,  // .mpg .mpeg
+    };
+    static int audioTypeFromPath(const std::string& path);
+
+    std::string path;
+    std::string mountPoint;
+    std::string partitionId;  // Md5 kind 1 of the mount point
+    std::string objectId;     // Md5 kind 0 of the path (MTP: the song id)
+    std::string directoryId;  // Md5 kind 1 of the path's directory
+    std::string name;         // last component of the path
+    std::string title;
+    std::string artist;
+    std::string album;
+    std::string genre;
+    std::string composer;
+    std::string artistId;
+    std::string albumId;
+    std::string genreId;
+    std::string composerId;
+    std::string asianTitle;
+    std::string asianArtist;
+    std::string asianAlbum;
+    std::string asianGenre;
+    std::string asianComposer;
+    int audioType = AUDIO_UNKNOWN;
+    int bookmark = 0;
+    long long lastModified = 0;
+    int trackNumber = 0;
+    int discNumber = 0;
+
+private:
+    void init(const std::string& path, const std::string& partition, const std::string& title,
+              const std::string& artist, const std::string& album, const std::string& genre,
+              const std::string& composer, int trackNumber, int discNumber, long lastModified);
+};

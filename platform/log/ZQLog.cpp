@@ -1,0 +1,211 @@
+#include "platform/log/ZQLog.h"
+
+#include <dlt/dlt.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "platform/log/LogCapture.h"
+
+unsigned char zqPrettyFunction = 0;
+
+namespace {
+
+// The FIFO through which libdlt reaches the daemon. Registering with libdlt
+// while no daemon reads it makes libdlt print a retry warning and wait for
+// seconds in its exit handler; so we register only when a reader is there.
+constexpr const char* kDaemonFifo = "/tmp/dlt";
+
+std::mutex gCaptureMutex;
+olvane::LogCapture* gCapture = nullptr;  // guarded by gCaptureMutex
+
+bool daemonListening() {
+    struct stat st;
+    if (::stat(kDaemonFifo, &st) != 0 || !S_ISFIFO(st.st_mode))
+        return false;
+    // Opening a FIFO for writing without blocking fails with ENXIO when no
+    // process has it open for reading.
+    int fd = ::open(kDaemonFifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    ::close(fd);
+    return true;
+}
+
+class DltSink {
+public:
+    static DltSink& instance() {
+        static DltSink sink;
+        return sink;
+    }
+
+    void write(DltLogLevelType level, const std::string& text) {
+        if (!registered_)
+            return;
+        DltContextData data;
+        if (dlt_user_log_write_start(&context_, &data, level) > 0) {
+            dlt_user_log_write_string(&data, text.c_str());
+            dlt_user_log_write_finish(&data);
+        }
+    }
+
+private:
+    DltSink() {
+        if (!daemonListening())
+            return;
+        const char* app = std::getenv("OLVANE_DLT_APP");
+        if (dlt_register_app(app && *app ? app : "OLVN", "olvane media indexer") < 0)
+            return;
+        if (dlt_register_context(&context_, "CORE", "olvane indexer core") < 0)
+            return;
+        registered_ = true;
+    }
+    ~DltSink() {
+        if (registered_) {
+            dlt_unregister_context(&context_);
+            dlt_unregister_app();
+        }
+    }
+
+    DltContext context_{};
+    bool registered_ = false;
+};
+
+const char* levelName(DltLogLevelType level) {
+    switch (level) {
+        case DLT_LOG_FATAL:
+            return "FATAL";
+        case DLT_LOG_ERROR:
+            return "ERROR";
+        case DLT_LOG_WARN:
+            return "WARN";
+        case DLT_LOG_INFO:
+            return "INFO";
+        case DLT_LOG_DEBUG:
+            return "DEBUG";
+        case DLT_LOG_VERBOSE:
+            return "VERBOSE";
+        default:
+            return "LOG";
+    }
+}
+
+// The most detailed level mirrored to stderr, from OLVANE_LOG; 0 mirrors nothing.
+int stderrThreshold() {
+    static const int threshold = [] {
+        const char* v = std::getenv("OLVANE_LOG");
+        if (!v)
+            return 0;
+        std::string s(v);
+        if (s == "error")
+            return int(DLT_LOG_ERROR);
+        if (s == "warning" || s == "warn")
+            return int(DLT_LOG_WARN);
+        if (s == "info")
+            return int(DLT_LOG_INFO);
+        if (s == "debug")
+            return int(DLT_LOG_DEBUG);
+        if (s == "verbose")
+            return int(DLT_LOG_VERBOSE);
+        return 0;
+    }();
+    return threshold;
+}
+
+std::string format(const char* fmt, va_list args) {
+    char stackBuf[512];
+    va_list copy;
+    va_copy(copy, args);
+    int n = std::vsnprintf(stackBuf, sizeof stackBuf, fmt, copy);
+    va_end(copy);
+    if (n < 0)
+        return fmt;
+    if (size_t(n) < sizeof stackBuf)
+        return std::string(stackBuf, size_t(n));
+    std::string out(size_t(n) + 1, '\0');
+    std::vsnprintf(&out[0], out.size(), fmt, args);
+    out.resize(size_t(n));
+    return out;
+}
+
+}  // namespace
+
+void vimplZQLog(unsigned char /*context*/, DltLogLevelType level, const char* function,
+                int /*line*/, const char* /*file*/, const char* fmt, va_list args) {
+    if (!fmt)
+        return;
+    if (!function)
+        function = "";
+    const std::string message = format(fmt, args);
+    {
+        std::lock_guard<std::mutex> lock(gCaptureMutex);
+        if (gCapture)
+            gCapture->record(level, function, message);
+    }
+    const int threshold = stderrThreshold();
+    if (threshold > 0 && int(level) > 0 && int(level) <= threshold) {
+        std::fprintf(stderr, "%s %s: %s\n", levelName(level), function, message.c_str());
+    }
+    DltSink::instance().write(level, std::string(function) + ": " + message);
+}
+
+void implZQLog(unsigned char context, DltLogLevelType level, const char* function, int line,
+               const char* file, const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    vimplZQLog(context, level, function, line, file, fmt, args);
+    va_end(args);
+}
+
+namespace olvane {
+
+LogCapture::LogCapture() {
+    std::lock_guard<std::mutex> lock(gCaptureMutex);
+    gCapture = this;
+}
+
+LogCapture::~LogCapture() {
+    std::lock_guard<std::mutex> lock(gCaptureMutex);
+    if (gCapture == this)
+        gCapture = nullptr;
+}
+
+void LogCapture::record(DltLogLevelType level, const char* function, const std::string& message) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back(LogLine{level, function, message});
+}
+
+std::vector<LogLine> LogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+}
+
+int LogCapture::count(const std::string& message) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int n = 0;
+    for (const auto& l : lines_)
+        n += l.message == message;
+    return n;
+}
+
+int LogCapture::countContaining(const std::string& part) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int n = 0;
+    for (const auto& l : lines_)
+        n += l.message.find(part) != std::string::npos;
+    return n;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+}
+
+}  // namespace olvane

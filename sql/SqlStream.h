@@ -1,0 +1,242 @@
+#pragma once
+// SQL statements in the shape of streams. The stream's state flags are the
+// statement's error state: badbit, the statement failed and was discarded;
+// failbit, a value could not be bound; eofbit (reading), no further row.
+// Nothing here throws. A stream is used by one thread at a time.
+
+#include <sqlite3.h>
+
+#include <cstring>
+#include <ios>
+#include <iterator>
+#include <streambuf>
+#include <string>
+
+#include "platform/log/ZQLog.h"
+
+namespace sqlstl {
+
+// One connection (`db`, owned, closed by the destructor) and one prepared
+// statement (`stmt`, owned).
+template <class CharT, class Traits = std::char_traits<CharT>>
+class basic_sqlstream : public std::basic_ios<CharT, Traits> {
+public:
+    // Carries no text; it makes the object a complete stream.
+    class sqlstreambuf : public std::basic_streambuf<CharT, Traits> {};
+
+    basic_sqlstream() : db(nullptr), index(0), stmt(nullptr) { this->init(&buf); }
+    basic_sqlstream(const basic_sqlstream&) = delete;
+    basic_sqlstream& operator=(const basic_sqlstream&) = delete;
+
+    virtual ~basic_sqlstream() {
+        finalize();
+        if (db)
+            sqlite3_close(db);
+    }
+
+    // Finalizes the statement and closes the connection; a failure is logged
+    // and leaves the connection for the destructor.
+    void close() {
+        finalize();
+        if (!db)
+            return;
+        int rc = sqlite3_close(db);
+        if (rc != SQLITE_OK) {
+            ZQLOG_ERROR("Could not close db connection: %d %s", rc, sqlite3_errmsg(db));
+            return;
+        }
+        db = nullptr;
+    }
+
+    void finalize() {
+        if (stmt)
+            sqlite3_finalize(stmt);
+        stmt = nullptr;
+    }
+
+    sqlstreambuf buf;
+    sqlite3* db;
+    int index;  // writing: next parameter (from 1); reading: next column (from 0)
+    sqlite3_stmt* stmt;
+
+protected:
+    // Replaces the statement; clears every flag first.
+    bool prepare(const char* sql) {
+        this->clear();
+        finalize();
+        int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
+        if (rc != SQLITE_OK) {
+            ZQLOG_ERROR("exec failed: %d %s", rc, sqlite3_errmsg(db));
+            finalize();
+            this->setstate(std::ios_base::badbit);
+            return false;
+        }
+        return true;
+    }
+
+    // Records a failed step: logs, sets badbit and discards the statement.
+    void fail(int rc) {
+        ZQLOG_ERROR("exec failed: %d %s", rc, sqlite3_errmsg(db));
+        this->setstate(std::ios_base::badbit);
+        finalize();
+    }
+};
+
+// Binds parameters with << and runs statements that return no rows.
+// Texts are bound without a copy: they must live until the statement is stepped.
+template <class CharT, class Traits = std::char_traits<CharT>>
+class basic_sqlostream : public basic_sqlstream<CharT, Traits> {
+public:
+    basic_sqlostream& query(const char* sql) {
+        if (this->prepare(sql))
+            this->index = 1;
+        return *this;
+    }
+    basic_sqlostream& query(const std::string& sql) { return query(sql.c_str()); }
+
+    basic_sqlostream& operator<<(const char* text) {
+        if (this->good()) {
+            if (sqlite3_bind_text(this->stmt, this->index, text, text ? int(std::strlen(text)) : 0,
+                                  SQLITE_STATIC) != SQLITE_OK)
+                this->setstate(std::ios_base::failbit);
+            ++this->index;
+        }
+        return *this;
+    }
+    basic_sqlostream& operator<<(const std::string& text) { return *this << text.c_str(); }
+    basic_sqlostream& operator<<(int value) {
+        if (this->good()) {
+            if (sqlite3_bind_int(this->stmt, this->index, value) != SQLITE_OK)
+                this->setstate(std::ios_base::failbit);
+            ++this->index;
+        }
+        return *this;
+    }
+    basic_sqlostream& operator<<(bool value) { return *this << int(value); }
+    basic_sqlostream& operator<<(long long value) {
+        if (this->good()) {
+            if (sqlite3_bind_int64(this->stmt, this->index, sqlite3_int64(value)) != SQLITE_OK)
+                this->setstate(std::ios_base::failbit);
+            ++this->index;
+        }
+        return *this;
+    }
+    basic_sqlostream& operator<<(long value) { return *this << static_cast<long long>(value); }
+
+    basic_sqlostream& operator<<(basic_sqlostream& (*manipulator)(basic_sqlostream&)) {
+        return manipulator(*this);
+    }
+
+    // The body of the `step` manipulator.
+    void stepStatement() {
+        if (this->rdstate() & (std::ios_base::badbit | std::ios_base::failbit)) {
+            ZQLOG_ERROR("step failed");
+            return;
+        }
+        int rc = sqlite3_step(this->stmt);
+        if (rc == SQLITE_DONE) {
+            sqlite3_reset(this->stmt);
+        } else if (rc == SQLITE_ROW || (rc >= 1 && rc <= 26)) {
+            this->fail(rc);
+        }
+        this->index = 1;
+    }
+};
+
+// `stream << sqlstl::step` runs the bound statement and makes it ready to be
+// bound again from parameter 1. A returned row counts as a failure.
+template <class CharT, class Traits>
+basic_sqlostream<CharT, Traits>& step(basic_sqlostream<CharT, Traits>& stream) {
+    stream.stepStatement();
+    return stream;
+}
+
+// Runs queries and reads the current row's columns with >>, in select order.
+template <class CharT, class Traits = std::char_traits<CharT>>
+class basic_sqlistream : public basic_sqlstream<CharT, Traits> {
+public:
+    basic_sqlistream& query(const char* sql) {
+        if (this->prepare(sql))
+            this->index = 0;
+        return *this;
+    }
+    basic_sqlistream& query(const std::string& sql) { return query(sql.c_str()); }
+
+    // Moves to the next row: eofbit when there is none, badbit on failure.
+    basic_sqlistream& step() {
+        if (this->rdstate() & (std::ios_base::badbit | std::ios_base::failbit)) {
+            ZQLOG_ERROR("step failed");
+            return *this;
+        }
+        int rc = sqlite3_step(this->stmt);
+        if (rc == SQLITE_DONE) {
+            this->setstate(std::ios_base::eofbit);
+        } else if (rc >= 1 && rc <= 26) {
+            this->fail(rc);
+        }
+        this->index = 0;
+        return *this;
+    }
+
+    basic_sqlistream& operator>>(int& value) {
+        if (this->stmt)
+            value = sqlite3_column_int(this->stmt, this->index);
+        ++this->index;
+        return *this;
+    }
+    basic_sqlistream& operator>>(long long& value) {
+        if (this->stmt)
+            value = sqlite3_column_int64(this->stmt, this->index);
+        ++this->index;
+        return *this;
+    }
+    basic_sqlistream& operator>>(double& value) {
+        if (this->stmt)
+            value = sqlite3_column_double(this->stmt, this->index);
+        ++this->index;
+        return *this;
+    }
+    // A NULL column leaves the string as it was and sets failbit, so that a
+    // reading loop stops there.
+    basic_sqlistream& operator>>(std::string& value) {
+        const unsigned char* text =
+            this->stmt ? sqlite3_column_text(this->stmt, this->index) : nullptr;
+        if (text) {
+            value.assign(reinterpret_cast<const char*>(text),
+                         size_t(sqlite3_column_bytes(this->stmt, this->index)));
+        } else {
+            this->setstate(std::ios_base::failbit);
+        }
+        ++this->index;
+        return *this;
+    }
+};
+
+// Output iterator: assigning a T writes `stream << value` and then steps.
+template <class T, class CharT = char, class Traits = std::char_traits<CharT>>
+class sqlostream_iterator {
+public:
+    using iterator_category = std::output_iterator_tag;
+    using value_type = void;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = void;
+
+    explicit sqlostream_iterator(basic_sqlostream<CharT, Traits>& s) : stream(&s) {}
+    sqlostream_iterator& operator=(const T& value) {
+        *stream << value;
+        *stream << step<CharT, Traits>;
+        return *this;
+    }
+    sqlostream_iterator& operator*() { return *this; }
+    sqlostream_iterator& operator++() { return *this; }
+    sqlostream_iterator& operator++(int) { return *this; }
+
+private:
+    basic_sqlostream<CharT, Traits>* stream;
+};
+
+typedef basic_sqlostream<char> sqlostream;
+typedef basic_sqlistream<char> sqlistream;
+
+}  // namespace sqlstl

@@ -1,0 +1,73 @@
+#include "tests/support/TempDir.h"
+
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace olvane {
+namespace test {
+
+TempDir::TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/olvane-test-XXXXXX";
+    if (!mkdtemp(&tmpl[0]))
+        throw std::runtime_error("mkdtemp failed");
+    path_ = tmpl;
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    // Make everything writable again, so that tests may remove permissions.
+    for (auto it = fs::recursive_directory_iterator(path_, ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        if (it->is_directory(ec) && !it->is_symlink(ec))
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
+    }
+    fs::remove_all(path_, ec);
+}
+
+std::string TempDir::file(const std::string& relative) const {
+    return path_ + "/" + relative;
+}
+
+std::string TempDir::write(const std::string& relative, const std::string& content) const {
+    const std::string p = file(relative);
+    fs::create_directories(fs::path(p).parent_path());
+    std::ofstream out(p, std::ios::binary);
+    out << content;
+    return p;
+}
+
+std::string TempDir::mkdir(const std::string& relative) const {
+    const std::string p = file(relative);
+    fs::create_directories(p);
+    return p;
+}
+
+std::string TempDir::copySample(const std::string& sample, const std::string& relative) const {
+    const std::string p = file(relative);
+    fs::create_directories(fs::path(p).parent_path());
+    fs::copy_file(sampleFile(sample), p, fs::copy_options::overwrite_existing);
+    return p;
+}
+
+std::string sampleFile(const std::string& name) {
+    const char* dir = std::getenv("OLVANE_TEST_DATA");
+    return std::string(dir && *dir ? dir : OLVANE_TEST_DATA_DIR) + "/" + name;
+}
+
+void setMtime(const std::string& path, long seconds) {
+    struct utimbuf times;
+    times.actime = seconds;
+    times.modtime = seconds;
+    utime(path.c_str(), &times);
+}
+
+}  // namespace test
+}  // namespace olvane

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+
+namespace olvane {
+namespace test {
+
+// A fresh directory under $TMPDIR, removed with everything in it on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    // path() + "/" + relative
+    std::string file(const std::string& relative) const;
+    // Writes `content` to `relative`, creating parent directories.
+    std::string write(const std::string& relative, const std::string& content) const;
+    // Creates directory `relative` with its parents.
+    std::string mkdir(const std::string& relative) const;
+    // Copies a sample of tests/data to `relative`.
+    std::string copySample(const std::string& sample, const std::string& relative) const;
+
+private:
+    std::string path_;
+};
+
+// Absolute path of a sample file in tests/data.
+std::string sampleFile(const std::string& name);
+// Sets a file's modification time (seconds).
+void setMtime(const std::string& path, long seconds);
+
+}  // namespace test
+}  // namespace olvane
