@@ -1,0 +1,203 @@
+#include "orchestration/Kestrow.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <vector>
+
+#include "platform/common/DatabaseMgr.h"
+#include "platform/log/LogCapture.h"
+#include "tests/support/SignalLog.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/TestPipeline.h"
+#include "tests/support/Wait.h"
+
+using kestrow::Kestrow;
+using kestrow::MSD_OPERATION;
+using kestrow::MTP_OPERATION;
+using kestrow::OperationType;
+using olvane::LogCapture;
+using olvane::test::Gate;
+using olvane::test::TestPipeline;
+using olvane::test::waitFor;
+
+namespace {
+
+std::string hexAddress(const void* p) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%x", unsigned(reinterpret_cast<uintptr_t>(p)));
+    return buf;
+}
+
+class KestrowTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        DatabaseMgr::instance().setDatabaseDirectory(tmp.path());
+        destroyed.fill(0);
+        k = new Kestrow();
+        k->setPipelineFactory([this](OperationType type, Kestrow* owner) {
+            TestPipeline* p = new TestPipeline(owner, type, &gate, &destroyed[created.size()]);
+            p->throwOnEnqueue = throwNext;
+            throwNext = false;
+            created.push_back(p);
+            types.push_back(type);
+            return p;
+        });
+        k->launch();
+        k->start();
+    }
+
+    void TearDown() override {
+        if (!stopped)
+            k->stop();
+        k->join();
+        delete k;
+    }
+
+    void stopScheduler() {
+        k->stop();
+        stopped = true;
+    }
+
+    bool running(size_t i) { return !destroyed[i] && created[i]->gated()->started; }
+
+    olvane::test::TempDir tmp;
+    Gate gate;
+    Kestrow* k = nullptr;
+    std::vector<TestPipeline*> created;  // pipelines die with the scheduler: check `destroyed`
+    std::vector<OperationType> types;
+    std::array<int, 16> destroyed;
+    bool throwNext = false;
+    bool stopped = false;
+};
+
+TEST_F(KestrowTest, RequestsRunOneAtATimeAndTheNextStartsWhenOneEnds) {
+    LogCapture cap;
+    olvane::test::SignalLog sigs;
+    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
+    ASSERT_EQ(created.size(), 2u);
+    EXPECT_EQ(cap.count("START IT"), 1);
+    ASSERT_TRUE(waitFor([&] { return running(0); }));
+    EXPECT_EQ(created[1]->runState(), 2);
+    EXPECT_FALSE(created[1]->gated()->started);
+
+    const std::string goOn = "queue is not empty: go on " + hexAddress(created[1]);
+    gate.open("devA");
+    ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1; }));
+    ASSERT_TRUE(waitFor([&] { return running(1); }));
+    EXPECT_EQ(cap.count(goOn), 1);
+
+    gate.open("devB");
+    ASSERT_TRUE(waitFor([&] { return destroyed[1] == 1; }));
+    EXPECT_EQ(k->registeredCount(), 0u);
+    ASSERT_TRUE(waitFor([&] { return sigs.named("indexingFinished").size() == 2; }));
+    EXPECT_EQ(sigs.named("indexingFinished"),
+              QStringList({"indexingFinished /media/a", "indexingFinished /media/b"}));
+    EXPECT_EQ(DatabaseMgr::instance().getStatus("devA", "/media/a"), "OK");
+}
+
+TEST_F(KestrowTest, ANewRequestReplacesTheOldOneAndIdsGrowFromOne) {
+    LogCapture cap;
+    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
+    ASSERT_TRUE(waitFor([&] { return running(0); }));
+    EXPECT_EQ(created[0]->getCurrentOperation().id, 1);
+
+    // Same device and mount point, another handle: still a replacement.
+    k->enqueueNewOperation(MSD_OPERATION, "devA", 7, "/media/a", true);
+    EXPECT_EQ(destroyed[0], 1);  // stopped, joined and deleted synchronously
+    EXPECT_EQ(cap.count("START IT"), 2);
+    EXPECT_EQ(created[1]->getCurrentOperation().id, 2);
+    ASSERT_TRUE(waitFor([&] { return running(1); }));
+
+    // A replacement while another request waits starts nothing.
+    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
+    EXPECT_EQ(destroyed[1], 1);
+    EXPECT_EQ(created[3]->getCurrentOperation().id, 4);
+    EXPECT_EQ(created[2]->runState(), 2);
+    EXPECT_EQ(created[3]->runState(), 2);
+    EXPECT_EQ(cap.count("START IT"), 2);
+    EXPECT_EQ(k->registeredCount(), 2u);
+}
+
+TEST_F(KestrowTest, WaitingRequestsRunInMapOrderWithMtpBehindMassStorage) {
+    k->enqueueNewOperation(MSD_OPERATION, "devC", 0, "/media/c", true);
+    ASSERT_TRUE(waitFor([&] { return running(0); }));
+    k->enqueueNewOperation(MTP_OPERATION, "devA", 5, "mtp-folder://devA", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devZ", 0, "/media/z", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
+    EXPECT_EQ(types[1], MTP_OPERATION);
+
+    gate.open("devC");
+    // devB (handle 0) comes first in the map, though it arrived last.
+    ASSERT_TRUE(waitFor([&] { return running(3); }));
+    EXPECT_FALSE(created[1]->gated()->started);
+    EXPECT_FALSE(created[2]->gated()->started);
+
+    gate.open("devB");
+    ASSERT_TRUE(waitFor([&] { return running(2); }));
+    EXPECT_FALSE(created[1]->gated()->started);
+    gate.open("devZ");
+    ASSERT_TRUE(waitFor([&] { return running(1); }));
+    gate.open("devA");
+    ASSERT_TRUE(waitFor([&] { return destroyed[1] == 1; }));
+    EXPECT_EQ(k->registeredCount(), 0u);
+}
+
+TEST_F(KestrowTest, PrioritizingPausesEveryOtherPipelineAndStartsTheMatch) {
+    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
+    ASSERT_TRUE(waitFor([&] { return running(0); }));
+
+    k->prioritizeOperation(MSD_OPERATION, "devB", 0, "/media/b");
+    EXPECT_EQ(created[0]->runState(), 2);
+    EXPECT_EQ(created[1]->runState(), 0);
+    ASSERT_TRUE(waitFor([&] { return running(1); }));
+
+    // The handle is part of the match: nothing matches, everything pauses.
+    k->prioritizeOperation(MSD_OPERATION, "devB", 3, "/media/b");
+    EXPECT_EQ(created[0]->runState(), 2);
+    EXPECT_EQ(created[1]->runState(), 2);
+
+    // When the prioritised request ends, the first in the map resumes.
+    k->prioritizeOperation(MSD_OPERATION, "devB", 0, "/media/b");
+    gate.open("devB");
+    ASSERT_TRUE(waitFor([&] { return destroyed[1] == 1; }));
+    EXPECT_EQ(created[0]->runState(), 0);
+    gate.open("devA");
+    ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1; }));
+}
+
+TEST_F(KestrowTest, AFailedSetUpDeletesTheDatabaseAndRetiresThePipeline) {
+    LogCapture cap;
+    DatabaseMgr::instance().createDb("devA", "/media/a", true);
+    const std::string db = DatabaseMgr::instance().getDbNameFromDevId("devA");
+    ASSERT_EQ(access(db.c_str(), F_OK), 0);
+
+    throwNext = true;
+    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
+    EXPECT_EQ(cap.count("Error  cannot set up the operation"), 1);
+    EXPECT_NE(access(db.c_str(), F_OK), 0);
+    ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1; }));
+    EXPECT_EQ(k->registeredCount(), 0u);
+}
+
+TEST_F(KestrowTest, BlocksArrivingAfterStopAreIgnored) {
+    LogCapture cap;
+    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
+    ASSERT_TRUE(waitFor([&] { return running(0); }));
+    stopScheduler();
+
+    boost::shared_ptr<kestrow::Block<void>> late(new kestrow::Block<void>());
+    late->operation = kestrow::Operation(1, 0, "devA", "/media/a", true);
+    k->enqueue(late);
+    EXPECT_EQ(cap.count("1: enqueue skipped block for op 1"), 1);
+    k->doOperation(late);
+    EXPECT_EQ(cap.count("Kestrow is stopped  we not waiting for this pipeline 1"), 1);
+    EXPECT_EQ(destroyed[0], 0);  // left for the destructor
+}
+
+}  // namespace
