@@ -203,3 +203,22 @@ void DatabaseMgr::deleteDb(const std::string& devId) {
 }
 
 void DatabaseMgr::sync(const std::string&) {}
+
+std::vector<std::pair<std::string, std::string>> DatabaseMgr::getStatuses(
+    const std::string& devId) {
+    std::vector<std::pair<std::string, std::string>> out;
+    Connection c(getDbNameFromDevId(devId));
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(c.get(),
+                           "SELECT MOUNTPOINT, STATUS FROM OLVANE_STATUS ORDER BY MOUNTPOINT;", -1,
+                           &stmt, nullptr) != SQLITE_OK)
+        return out;
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+        const unsigned char* mp = sqlite3_column_text(stmt, 0);
+        const unsigned char* st = sqlite3_column_text(stmt, 1);
+        out.emplace_back(mp ? reinterpret_cast<const char*>(mp) : "",
+                         st ? reinterpret_cast<const char*>(st) : "");
+    }
+    sqlite3_finalize(stmt);
+    return out;
+}

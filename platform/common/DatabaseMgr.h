@@ -5,6 +5,8 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 class DatabaseMgr {
 public:
@@ -34,6 +36,8 @@ public:
     void insertStatus(const std::string& devId, const std::string& mountPoint, const char* status);
     // "" when no status is recorded.
     std::string getStatus(const std::string& devId, const std::string& mountPoint);
+    // Every (mount point, status) recorded for the device, by mount point.
+    std::vector<std::pair<std::string, std::string>> getStatuses(const std::string& devId);
 
     // True when the file and its WAL together reach kSizeLimit bytes.
     bool dbSizeHasReachLimit(const std::string& dbName);

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace olvane {
+namespace tool {
+
+// The command line of olvane-indexer.
+struct IndexerOptions {
+    enum Command { INDEX, SHOW, HELP };
+
+    Command command = INDEX;
+    std::string dbDir;
+    std::string deviceId;  // INDEX: empty means derived from the first mount point
+    bool json = false;
+    std::string logLevel;
+    bool progress = true;
+    std::vector<std::string> mountPoints;  // INDEX
+
+    // Fills `out` from argv; on a usage error returns false with `error` set.
+    static bool parse(int argc, char** argv, IndexerOptions& out, std::string& error);
+    static std::string usage();
+    // A stable device id for a mount point: its last component, reduced to
+    // letters, digits, '.', '_' and '-', and 8 hex digits of the MD5 of the
+    // absolute path, e.g. "Music-1f3a9c07".
+    static std::string deriveDeviceId(const std::string& absoluteMountPoint);
+};
+
+}  // namespace tool
+}  // namespace olvane
