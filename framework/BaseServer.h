@@ -60,13 +60,13 @@ public:
         if (state == 1)
             return boost::shared_ptr<T>();
         pthread_mutex_lock(&mutex);
-        while (count == 0 || state == 2) {
-            pthread_cond_wait(&cond, &mutex);
+        // The state is looked at before every wait too: a stop() between the
+        // test above and the lock has already broadcast.
+        while (state == 1 || count == 0 || state == 2) {
             if (state == 1)
                 return boost::shared_ptr<T>();  // keeps `mutex`, see above
+            pthread_cond_wait(&cond, &mutex);
         }
-        if (state == 1)
-            return boost::shared_ptr<T>();
         boost::shared_ptr<T> block = queue.front();
         queue.pop_front();
         --count;
