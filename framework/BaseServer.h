@@ -139,7 +139,8 @@ public:
 
     const char* getName() const { return name; }
     int getState() const { return state; }
-    // Blocks now queued, read under the lock (for observers and tests).
+    // Blocks now queued, read under the lock (for observers and tests). Not
+    // after stop(): the stage's exited run loop may hold the lock for good.
     int queued() {
         pthread_mutex_lock(&mutex);
         int n = count;
