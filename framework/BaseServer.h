@@ -60,13 +60,13 @@ public:
         if (state == 1)
             return boost::shared_ptr<T>();
         pthread_mutex_lock(&mutex);
-        while (count == 0 || state == 2) {
-            pthread_cond_wait(&cond, &mutex);
+        // The state is looked at before every wait too: a stop() between the
+        // test above and the lock has already broadcast.
+        while (state == 1 || count == 0 || state == 2) {
             if (state == 1)
                 return boost::shared_ptr<T>();  // keeps `mutex`, see above
+            pthread_cond_wait(&cond, &mutex);
         }
-        if (state == 1)
-            return boost::shared_ptr<T>();
         boost::shared_ptr<T> block = queue.front();
         queue.pop_front();
         --count;
@@ -139,7 +139,8 @@ public:
 
     const char* getName() const { return name; }
     int getState() const { return state; }
-    // Blocks now queued, read under the lock (for observers and tests).
+    // Blocks now queued, read under the lock (for observers and tests). Not
+    // after stop(): the stage's exited run loop may hold the lock for good.
     int queued() {
         pthread_mutex_lock(&mutex);
         int n = count;

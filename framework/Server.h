@@ -18,6 +18,10 @@ public:
     explicit Server(const char* name_, BaseServer<TOUT>* next_ = nullptr)
         : BaseServer<TIN>(name_), next(next_) {}
 
+    // The ZQLOG macros below reach the stage's wrapper, not the plain log
+    // function: names of a dependent base are not found without this.
+    using BaseServer<TIN>::implZQLog;
+
     virtual boost::shared_ptr<TOUT> doOperation(boost::shared_ptr<TIN> /*input*/) {
         return boost::shared_ptr<TOUT>();
     }

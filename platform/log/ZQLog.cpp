@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,27 +19,33 @@ unsigned char zqPrettyFunction = 0;
 
 namespace {
 
-// The FIFO through which libdlt reaches the daemon. Registering with libdlt
-// while no daemon reads it makes libdlt print a retry warning and wait for
-// seconds in its exit handler; so we register only when a reader is there.
-constexpr const char* kDaemonFifo = "/tmp/dlt";
+// libdlt reaches the daemon through the FIFO "dlt" in $DLT_PIPE_DIR (/tmp by
+// default). Registering with libdlt while no daemon reads it makes libdlt
+// print a retry warning and wait for seconds in its exit handler; so we
+// register only once a reader is there, looking again at most every
+// kRecheck while there is none.
+constexpr std::chrono::seconds kRecheck(2);
 
-std::mutex gCaptureMutex;
-olvane::LogCapture* gCapture = nullptr;  // guarded by gCaptureMutex
+std::string daemonFifo() {
+    const char* dir = std::getenv("DLT_PIPE_DIR");
+    return std::string(dir && *dir ? dir : "/tmp") + "/dlt";
+}
 
 bool daemonListening() {
+    const std::string fifo = daemonFifo();
     struct stat st;
-    if (::stat(kDaemonFifo, &st) != 0 || !S_ISFIFO(st.st_mode))
+    if (::stat(fifo.c_str(), &st) != 0 || !S_ISFIFO(st.st_mode))
         return false;
     // Opening a FIFO for writing without blocking fails with ENXIO when no
     // process has it open for reading.
-    int fd = ::open(kDaemonFifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return false;
     ::close(fd);
     return true;
 }
 
+// The process's one DLT application and context, registered lazily.
 class DltSink {
 public:
     static DltSink& instance() {
@@ -47,7 +54,7 @@ public:
     }
 
     void write(DltLogLevelType level, const std::string& text) {
-        if (!registered_)
+        if (!registered_.load(std::memory_order_acquire) && !tryRegister())
             return;
         DltContextData data;
         if (dlt_user_log_write_start(&context_, &data, level) > 0) {
@@ -57,25 +64,43 @@ public:
     }
 
 private:
-    DltSink() {
-        if (!daemonListening())
-            return;
-        const char* app = std::getenv("OLVANE_DLT_APP");
-        if (dlt_register_app(app && *app ? app : "OLVN", "olvane media indexer") < 0)
-            return;
-        if (dlt_register_context(&context_, "CORE", "olvane indexer core") < 0)
-            return;
-        registered_ = true;
-    }
+    DltSink() = default;
     ~DltSink() {
-        if (registered_) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (registered_.exchange(false)) {
             dlt_unregister_context(&context_);
             dlt_unregister_app();
         }
     }
 
+    bool tryRegister() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (registered_.load())
+            return true;
+        const auto now = std::chrono::steady_clock::now();
+        if (now < nextCheck_)
+            return false;
+        nextCheck_ = now + kRecheck;
+        if (!daemonListening())
+            return false;
+        const char* app = std::getenv("OLVANE_DLT_APP");
+        if (dlt_register_app(app && *app ? app : "OLVN", "olvane media indexer") < 0)
+            return false;
+        // Registered at verbose: which levels are wanted is decided here and
+        // by OLVANE_LOG, not by the daemon's default context level.
+        if (dlt_register_context_ll_ts(&context_, "CORE", "olvane indexer core", DLT_LOG_VERBOSE,
+                                       DLT_TRACE_STATUS_OFF) < 0) {
+            dlt_unregister_app();
+            return false;
+        }
+        registered_.store(true, std::memory_order_release);
+        return true;
+    }
+
+    std::mutex mutex_;  // guards registration
     DltContext context_{};
-    bool registered_ = false;
+    std::atomic<bool> registered_{false};
+    std::chrono::steady_clock::time_point nextCheck_{};
 };
 
 const char* levelName(DltLogLevelType level) {
@@ -144,11 +169,7 @@ void vimplZQLog(unsigned char /*context*/, DltLogLevelType level, const char* fu
     if (!function)
         function = "";
     const std::string message = format(fmt, args);
-    {
-        std::lock_guard<std::mutex> lock(gCaptureMutex);
-        if (gCapture)
-            gCapture->record(level, function, message);
-    }
+    olvane::detail::captureLogLine(level, function, message);
     const int threshold = stderrThreshold();
     if (threshold > 0 && int(level) > 0 && int(level) <= threshold) {
         std::fprintf(stderr, "%s %s: %s\n", levelName(level), function, message.c_str());
@@ -163,49 +184,3 @@ void implZQLog(unsigned char context, DltLogLevelType level, const char* functio
     vimplZQLog(context, level, function, line, file, fmt, args);
     va_end(args);
 }
-
-namespace olvane {
-
-LogCapture::LogCapture() {
-    std::lock_guard<std::mutex> lock(gCaptureMutex);
-    gCapture = this;
-}
-
-LogCapture::~LogCapture() {
-    std::lock_guard<std::mutex> lock(gCaptureMutex);
-    if (gCapture == this)
-        gCapture = nullptr;
-}
-
-void LogCapture::record(DltLogLevelType level, const char* function, const std::string& message) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(LogLine{level, function, message});
-}
-
-std::vector<LogLine> LogCapture::lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-}
-
-int LogCapture::count(const std::string& message) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (const auto& l : lines_)
-        n += l.message == message;
-    return n;
-}
-
-int LogCapture::countContaining(const std::string& part) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (const auto& l : lines_)
-        n += l.message.find(part) != std::string::npos;
-    return n;
-}
-
-void LogCapture::clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
-}
-
-}  // namespace olvane

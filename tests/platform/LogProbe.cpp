@@ -1,0 +1,26 @@
+// A tiny program linked with libolvane-log only, run by the logging tests.
+// Usage: LogProbe TAG [EXTRA [pretty]]
+// Logs "TAG error line", "TAG warning line", "TAG info line", "TAG debug line"
+// and "TAG verbose line" at their levels, then EXTRA info lines "TAG line <i>",
+// and exits 0. With "pretty", zqPrettyFunction is set first.
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/log/ZQLog.h"
+
+int main(int argc, char** argv) {
+    if (argc < 2)
+        return 2;
+    const char* tag = argv[1];
+    const int extra = argc > 2 ? std::atoi(argv[2]) : 0;
+    if (argc > 3 && std::strcmp(argv[3], "pretty") == 0)
+        zqPrettyFunction = 1;
+    ZQLOG_ERROR("%s error line", tag);
+    ZQLOG_WARN("%s warning line", tag);
+    ZQLOG_INFO("%s info line", tag);
+    ZQLOG_DEBUG("%s debug line", tag);
+    ZQLOG_VERBOSE("%s verbose line", tag);
+    for (int i = 0; i < extra; ++i)
+        ZQLOG_INFO("%s line %d", tag, i);
+    return 0;
+}
