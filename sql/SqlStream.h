@@ -75,7 +75,7 @@ protected:
     }
 
     // Records a failed step: logs, sets badbit and discards the statement.
-    void fail(int rc) {
+    void failStatement(int rc) {
         ZQLOG_ERROR("exec failed: %d %s", rc, sqlite3_errmsg(db));
         this->setstate(std::ios_base::badbit);
         finalize();
@@ -137,7 +137,7 @@ public:
         if (rc == SQLITE_DONE) {
             sqlite3_reset(this->stmt);
         } else if (rc == SQLITE_ROW || (rc >= 1 && rc <= 26)) {
-            this->fail(rc);
+            this->failStatement(rc);
         }
         this->index = 1;
     }
@@ -175,7 +175,7 @@ public:
         if (rc == SQLITE_DONE) {
             this->setstate(std::ios_base::eofbit);
         } else if (rc >= 1 && rc <= 26) {
-            this->fail(rc);
+            this->failStatement(rc);
         }
         this->index = 0;
         return *this;
