@@ -144,6 +144,7 @@ TEST_F(SqlStreamTest, ReadEndsAtEndOfFileAndNullTextFails) {
     in.step() >> c;
     EXPECT_TRUE(in.eof());
     EXPECT_EQ(-1, c);
+    EXPECT_FALSE(sqlite3_stmt_busy(in.stmt)) << "a restarted query holds a read lock";
 
     in.query("SELECT C FROM T WHERE A = 99;");
     in.step();
