@@ -75,7 +75,7 @@ protected:
     }
 
     // Records a failed step: logs, sets badbit and discards the statement.
-    void fail(int rc) {
+    void failStatement(int rc) {
         ZQLOG_ERROR("exec failed: %d %s", rc, sqlite3_errmsg(db));
         this->setstate(std::ios_base::badbit);
         finalize();
@@ -137,7 +137,7 @@ public:
         if (rc == SQLITE_DONE) {
             sqlite3_reset(this->stmt);
         } else if (rc == SQLITE_ROW || (rc >= 1 && rc <= 26)) {
-            this->fail(rc);
+            this->failStatement(rc);
         }
         this->index = 1;
     }
@@ -163,35 +163,40 @@ public:
     basic_sqlistream& query(const std::string& sql) { return query(sql.c_str()); }
 
     // Moves to the next row: eofbit when there is none, badbit on failure.
+    // At end of file it does nothing: the query is not started again.
     basic_sqlistream& step() {
         if (this->rdstate() & (std::ios_base::badbit | std::ios_base::failbit)) {
             ZQLOG_ERROR("step failed");
             return *this;
         }
+        if (this->eof())
+            return *this;
         int rc = sqlite3_step(this->stmt);
         if (rc == SQLITE_DONE) {
             this->setstate(std::ios_base::eofbit);
         } else if (rc >= 1 && rc <= 26) {
-            this->fail(rc);
+            this->failStatement(rc);
         }
         this->index = 0;
         return *this;
     }
 
+    // Reading is done only while a row is ready (a statement, not at end of
+    // file); otherwise the target keeps its value.
     basic_sqlistream& operator>>(int& value) {
-        if (this->stmt)
+        if (hasRow())
             value = sqlite3_column_int(this->stmt, this->index);
         ++this->index;
         return *this;
     }
     basic_sqlistream& operator>>(long long& value) {
-        if (this->stmt)
+        if (hasRow())
             value = sqlite3_column_int64(this->stmt, this->index);
         ++this->index;
         return *this;
     }
     basic_sqlistream& operator>>(double& value) {
-        if (this->stmt)
+        if (hasRow())
             value = sqlite3_column_double(this->stmt, this->index);
         ++this->index;
         return *this;
@@ -199,8 +204,11 @@ public:
     // A NULL column leaves the string as it was and sets failbit, so that a
     // reading loop stops there.
     basic_sqlistream& operator>>(std::string& value) {
-        const unsigned char* text =
-            this->stmt ? sqlite3_column_text(this->stmt, this->index) : nullptr;
+        if (!hasRow()) {
+            ++this->index;
+            return *this;
+        }
+        const unsigned char* text = sqlite3_column_text(this->stmt, this->index);
         if (text) {
             value.assign(reinterpret_cast<const char*>(text),
                          size_t(sqlite3_column_bytes(this->stmt, this->index)));
@@ -210,6 +218,9 @@ public:
         ++this->index;
         return *this;
     }
+
+private:
+    bool hasRow() const { return this->stmt && !this->eof(); }
 };
 
 // Output iterator: assigning a T writes `stream << value` and then steps.

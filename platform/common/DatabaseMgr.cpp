@@ -1,17 +1,31 @@
 #include "platform/common/DatabaseMgr.h"
 
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <initializer_list>
 #include <stdexcept>
+#include <vector>
 
+#include "platform/common/Md5.h"
 #include "platform/log/ZQLog.h"
 
 namespace {
+
+// Writers wait for the stages' transactions as long as the stages wait for
+// one another.
+constexpr int kBusyTimeoutMs = 3600000;
+// Housekeeping reads of other devices' databases and the checkpoint of
+// sync() do not hold the pipeline for long.
+constexpr int kShortTimeoutMs = 10000;
 
 const char* const kSchema =
     "CREATE TABLE IF NOT EXISTS DIRECTORIES (PARTITION_ID TEXT, PATH TEXT, NAME TEXT, "
@@ -29,13 +43,20 @@ const char* const kSchema =
     "CREATE TABLE IF NOT EXISTS GENRES (GENREID TEXT PRIMARY KEY, GENRE TEXT, ASIANGENRE TEXT);"
     "CREATE TABLE IF NOT EXISTS COMPOSERS (COMPOSERID TEXT PRIMARY KEY, COMPOSER TEXT, "
     "ASIANCOMPOSER TEXT);"
+    // No unique constraint: the playlist saver may write an entry twice.
     "CREATE TABLE IF NOT EXISTS PLAYLISTS (ID INTEGER PRIMARY KEY, PARTITION_ID TEXT, "
     "PLAYPATH TEXT, PLAYID TEXT, PLAYNAME TEXT, TRACKPATH TEXT, TRACKID TEXT, AUDIOTYPE INTEGER, "
     "LASTMODIFIED INTEGER);"
     "CREATE INDEX IF NOT EXISTS PLAYLISTS_PLAYPATH ON PLAYLISTS(PLAYPATH);"
+    "CREATE INDEX IF NOT EXISTS PLAYLISTS_PLAYID ON PLAYLISTS(PLAYID);"
+    // One row per playlist. Rows without a path (an empty playlist written
+    // as NULLs) are left out: a NULL path would end a reader's loop.
     "CREATE VIEW IF NOT EXISTS VIEW_PLAYLISTNAMES AS SELECT MIN(ID) AS ID, LASTMODIFIED, "
     "PLAYPATH FROM PLAYLISTS WHERE PLAYPATH IS NOT NULL GROUP BY PLAYID;"
-    "CREATE TABLE IF NOT EXISTS OLVANE_STATUS (MOUNTPOINT TEXT PRIMARY KEY, STATUS TEXT);";
+    "CREATE TABLE IF NOT EXISTS OLVANE_STATUS (MOUNTPOINT TEXT PRIMARY KEY, STATUS TEXT, "
+    "INDEXED_AT INTEGER);"
+    "CREATE TABLE IF NOT EXISTS OLVANE_PARTITIONS (MOUNTPOINT TEXT PRIMARY KEY, BASE TEXT, "
+    "SEEN INTEGER NOT NULL);";
 
 bool isPlainId(const std::string& id) {
     if (id.empty() || id[0] == '.')
@@ -49,35 +70,146 @@ bool isPlainId(const std::string& id) {
     return true;
 }
 
-// A short-lived connection for one operation of the manager.
+// The mount point without trailing '/': "" for the root.
+std::string baseOf(const std::string& mountPoint) {
+    size_t end = mountPoint.find_last_not_of('/');
+    return end == std::string::npos ? std::string() : mountPoint.substr(0, end + 1);
+}
+
+bool fileExists(const std::string& name) {
+    struct stat st;
+    return ::stat(name.c_str(), &st) == 0;
+}
+
+long long fileSize(const std::string& name) {
+    struct stat st;
+    return ::stat(name.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+}
+
+long long storedSize(const std::string& name) {
+    return fileSize(name) + fileSize(name + "-wal") + fileSize(name + "-shm");
+}
+
+void removeFiles(const std::string& name) {
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        const std::string file = name + suffix;
+        if (::unlink(file.c_str()) != 0 && errno != ENOENT)
+            ZQLOG_ERROR("cannot remove %s: %s", file.c_str(), std::strerror(errno));
+    }
+}
+
+bool fsyncPath(const std::string& path, int flags) {
+    int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+    if (fd < 0)
+        return errno == ENOENT;
+    bool ok = ::fsync(fd) == 0;
+    if (!ok)
+        ZQLOG_ERROR("fsync %s: %s", path.c_str(), std::strerror(errno));
+    ::close(fd);
+    return ok;
+}
+
+// A short-lived connection for one operation of the manager. Failures are
+// logged; ok() tells whether the connection is usable.
 class Connection {
 public:
-    explicit Connection(const std::string& file) {
-        if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) {
-            ZQLOG_ERROR("cannot open %s: %s", file.c_str(), db_ ? sqlite3_errmsg(db_) : "");
+    Connection(const std::string& file, bool create, int timeoutMs) : file_(file) {
+        int flags = SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0);
+        int rc = sqlite3_open_v2(file.c_str(), &db_, flags, nullptr);
+        if (rc != SQLITE_OK) {
+            ZQLOG_ERROR("cannot open %s: %d %s", file.c_str(), rc, db_ ? sqlite3_errmsg(db_) : "");
             sqlite3_close(db_);
             db_ = nullptr;
-            throw std::runtime_error("cannot open db");
+            return;
         }
-        sqlite3_busy_timeout(db_, 3600000);
+        sqlite3_busy_timeout(db_, timeoutMs);
     }
-    ~Connection() { sqlite3_close(db_); }
+    ~Connection() {
+        if (db_ && sqlite3_close(db_) != SQLITE_OK)
+            ZQLOG_ERROR("Could not close db connection: %s", sqlite3_errmsg(db_));
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    bool ok() const { return db_ != nullptr; }
     sqlite3* get() const { return db_; }
 
     bool exec(const char* sql) {
         char* err = nullptr;
         int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &err);
         if (rc != SQLITE_OK) {
-            ZQLOG_ERROR("exec failed: %d %s", rc, err ? err : "");
+            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc,
+                        err ? err : sqlite3_errmsg(db_));
             sqlite3_free(err);
             return false;
         }
         return true;
     }
 
+    // Runs one statement with text parameters (and an optional integer as
+    // the last parameter), reading its rows' first column into `rows`.
+    bool run(const char* sql, std::initializer_list<std::string> texts,
+             std::vector<std::string>* rows = nullptr, const long long* integer = nullptr) {
+        sqlite3_stmt* stmt = nullptr;
+        int rc = sqlite3_prepare_v2(db_, sql, -1, &stmt, nullptr);
+        if (rc != SQLITE_OK) {
+            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, sqlite3_errmsg(db_));
+            return false;
+        }
+        int index = 1;
+        for (const std::string& t : texts)
+            sqlite3_bind_text(stmt, index++, t.data(), int(t.size()), SQLITE_TRANSIENT);
+        if (integer)
+            sqlite3_bind_int64(stmt, index, *integer);
+        while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+            if (rows) {
+                const unsigned char* text = sqlite3_column_text(stmt, 0);
+                rows->push_back(text ? reinterpret_cast<const char*>(text) : "");
+            }
+        }
+        if (rc != SQLITE_DONE)
+            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, sqlite3_errmsg(db_));
+        sqlite3_finalize(stmt);
+        return rc == SQLITE_DONE;
+    }
+
 private:
+    std::string file_;
     sqlite3* db_ = nullptr;
 };
+
+// Deletes the rows of one dangling partition from a table whose path column
+// is `column`, sparing rows below any partition seen in the current attach.
+// Paths below a base B are exactly those in ["B/", "B0"), '0' following '/'.
+std::string danglingDelete(const char* table, const char* column) {
+    const std::string t(table), c(column);
+    return "DELETE FROM " + t + " WHERE (PARTITION_ID = ?1 OR " + c + " = ?2 OR (" + c +
+           " >= ?2 || '/' AND " + c + " < ?2 || '0')) AND NOT EXISTS (SELECT 1 FROM " +
+           "OLVANE_PARTITIONS P WHERE P.SEEN = 1 AND (" + t + "." + c + " = P.BASE OR (" + t + "." +
+           c + " >= P.BASE || '/' AND " + t + "." + c + " < P.BASE || '0')));";
+}
+
+const char* const kLookupCleanup =
+    "DELETE FROM ARTISTS WHERE ARTISTID NOT IN (SELECT DISTINCT ARTISTID FROM SONGS);"
+    "DELETE FROM ALBUMS WHERE ALBUMID NOT IN (SELECT DISTINCT ALBUMID FROM SONGS);"
+    "DELETE FROM GENRES WHERE GENREID NOT IN (SELECT DISTINCT GENREID FROM SONGS);"
+    "DELETE FROM COMPOSERS WHERE COMPOSERID NOT IN (SELECT DISTINCT COMPOSERID FROM SONGS);";
+
+// The database's "indexed at" time: its newest status time, else the file's
+// modification time.
+long long indexedAt(const std::string& name) {
+    {
+        Connection c(name, false, kShortTimeoutMs);
+        std::vector<std::string> rows;
+        if (c.ok() &&
+            c.run("SELECT MAX(INDEXED_AT) FROM OLVANE_STATUS WHERE INDEXED_AT IS NOT NULL;", {},
+                  &rows) &&
+            !rows.empty() && !rows[0].empty())
+            return std::atoll(rows[0].c_str());
+    }
+    struct stat st;
+    return ::stat(name.c_str(), &st) == 0 ? static_cast<long long>(st.st_mtime) : 0;
+}
 
 }  // namespace
 
@@ -89,6 +221,20 @@ DatabaseMgr& DatabaseMgr::instance() {
 void DatabaseMgr::setDatabaseDirectory(const std::string& dir) {
     std::lock_guard<std::mutex> lock(mutex_);
     dir_ = dir;
+}
+
+void DatabaseMgr::setClock(std::function<long long()> clock) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    clock_ = std::move(clock);
+}
+
+long long DatabaseMgr::now() const {
+    std::function<long long()> clock;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        clock = clock_;
+    }
+    return clock ? clock() : static_cast<long long>(std::time(nullptr));
 }
 
 std::string DatabaseMgr::databaseDirectory() const {
@@ -127,7 +273,7 @@ void DatabaseMgr::createDirectory() {
         if (pos == dir.size() || dir[pos] == '/') {
             std::string part = dir.substr(0, pos);
             if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
-                ZQLOG_WARN("cannot create %s: %d", part.c_str(), errno);
+                ZQLOG_WARN("cannot create %s: %s", part.c_str(), std::strerror(errno));
                 return;
             }
         }
@@ -136,82 +282,185 @@ void DatabaseMgr::createDirectory() {
 
 void DatabaseMgr::createDb(const std::string& devId, const std::string& mountPoint,
                            bool isFirstPartition) {
-    (void)mountPoint;
-    (void)isFirstPartition;
     createDirectory();
-    Connection c(getDbNameFromDevId(devId));
-    c.exec("PRAGMA journal_mode=WAL;");
-    std::string sql = std::string("BEGIN;") + kSchema + "COMMIT;";
-    if (!c.exec(sql.c_str())) {
-        c.exec("ROLLBACK;");
-        throw std::runtime_error("cannot create the database schema");
+    const std::string name = getDbNameFromDevId(devId);
+    Connection c(name, true, kBusyTimeoutMs);
+    if (!c.ok())
+        throw std::runtime_error("cannot open db");
+    std::vector<std::string> mode;
+    if (!c.run("PRAGMA journal_mode=WAL;", {}, &mode))
+        throw std::runtime_error("cannot create db " + name);
+    if (mode.empty() || mode[0] != "wal")
+        ZQLOG_WARN("%s stays in journal mode %s", name.c_str(),
+                   mode.empty() ? "?" : mode[0].c_str());
+
+    // IMMEDIATE: two creators of one file queue on the busy time-out instead
+    // of failing on a lock upgrade.
+    bool ok = c.exec("BEGIN IMMEDIATE;") && c.exec(kSchema);
+    if (ok && isFirstPartition)
+        ok = c.exec("UPDATE OLVANE_PARTITIONS SET SEEN = 0;");
+    if (ok)
+        ok = c.run("REPLACE INTO OLVANE_PARTITIONS (MOUNTPOINT, BASE, SEEN) VALUES (?, ?, 1);",
+                   {mountPoint, baseOf(mountPoint)});
+    if (ok)
+        ok = c.exec("COMMIT;");
+    if (!ok) {
+        sqlite3_exec(c.get(), "ROLLBACK;", nullptr, nullptr, nullptr);
+        throw std::runtime_error("cannot create db " + name);
     }
+    ZQLOG_INFO("database %s ready for %s (first partition: %d)", name.c_str(), mountPoint.c_str(),
+               int(isFirstPartition));
 }
 
-void DatabaseMgr::removeDanglingPartitions(const std::string&, const std::string&) {}
+void DatabaseMgr::removeDanglingPartitions(const std::string& devId,
+                                           const std::string& mountPoint) {
+    const std::string name = getDbNameFromDevId(devId);
+    Connection c(name, false, kBusyTimeoutMs);
+    if (!c.ok() || !c.exec("BEGIN IMMEDIATE;"))
+        return;
+    std::vector<std::string> dangling;
+    bool ok = c.run("SELECT MOUNTPOINT FROM OLVANE_PARTITIONS WHERE SEEN = 0 AND MOUNTPOINT <> ?;",
+                    {mountPoint}, &dangling);
+    const std::string songs = danglingDelete("SONGS", "PATH");
+    const std::string dirs = danglingDelete("DIRECTORIES", "PATH");
+    const std::string lists = danglingDelete("PLAYLISTS", "PLAYPATH");
+    for (size_t i = 0; ok && i < dangling.size(); ++i) {
+        const std::string& mp = dangling[i];
+        const std::string pid = Md5(Md5::DIRECTORY, mp).toString();
+        const std::string base = baseOf(mp);
+        ZQLOG_INFO("removing dangling partition %s of %s", mp.c_str(), devId.c_str());
+        ok = c.run(songs.c_str(), {pid, base}) && c.run(dirs.c_str(), {pid, base}) &&
+             c.run(lists.c_str(), {pid, base}) &&
+             c.run("DELETE FROM OLVANE_STATUS WHERE MOUNTPOINT = ?;", {mp}) &&
+             c.run("DELETE FROM OLVANE_PARTITIONS WHERE MOUNTPOINT = ?;", {mp});
+    }
+    if (ok && !dangling.empty())
+        ok = c.exec(kLookupCleanup);
+    if (!ok || !c.exec("COMMIT;")) {
+        ZQLOG_ERROR("dangling partitions of %s kept", devId.c_str());
+        sqlite3_exec(c.get(), "ROLLBACK;", nullptr, nullptr, nullptr);
+    }
+}
 
 void DatabaseMgr::insertStatus(const std::string& devId, const std::string& mountPoint,
                                const char* status) {
-    Connection c(getDbNameFromDevId(devId));
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(c.get(),
-                           "REPLACE INTO OLVANE_STATUS (MOUNTPOINT, STATUS) VALUES (?, ?);", -1,
-                           &stmt, nullptr) != SQLITE_OK) {
-        ZQLOG_ERROR("insertStatus: %s", sqlite3_errmsg(c.get()));
+    Connection c(getDbNameFromDevId(devId), false, kBusyTimeoutMs);
+    if (!c.ok())
         return;
-    }
-    sqlite3_bind_text(stmt, 1, mountPoint.c_str(), -1, SQLITE_TRANSIENT);
-    sqlite3_bind_text(stmt, 2, status ? status : "", -1, SQLITE_TRANSIENT);
-    if (sqlite3_step(stmt) != SQLITE_DONE)
-        ZQLOG_ERROR("insertStatus: %s", sqlite3_errmsg(c.get()));
-    sqlite3_finalize(stmt);
+    const long long at = now();
+    if (!c.run("REPLACE INTO OLVANE_STATUS (MOUNTPOINT, STATUS, INDEXED_AT) VALUES (?, ?, ?);",
+               {mountPoint, status ? status : ""}, nullptr, &at))
+        ZQLOG_ERROR("status %s of %s not recorded", status ? status : "", mountPoint.c_str());
 }
 
 std::string DatabaseMgr::getStatus(const std::string& devId, const std::string& mountPoint) {
-    Connection c(getDbNameFromDevId(devId));
-    sqlite3_stmt* stmt = nullptr;
-    std::string status;
-    if (sqlite3_prepare_v2(c.get(), "SELECT STATUS FROM OLVANE_STATUS WHERE MOUNTPOINT = ?;", -1,
-                           &stmt, nullptr) != SQLITE_OK)
-        return status;
-    sqlite3_bind_text(stmt, 1, mountPoint.c_str(), -1, SQLITE_TRANSIENT);
-    if (sqlite3_step(stmt) == SQLITE_ROW) {
-        const unsigned char* t = sqlite3_column_text(stmt, 0);
-        if (t)
-            status = reinterpret_cast<const char*>(t);
-    }
-    sqlite3_finalize(stmt);
-    return status;
+    const std::string name = getDbNameFromDevId(devId);
+    if (!fileExists(name))
+        return std::string();
+    Connection c(name, false, kBusyTimeoutMs);
+    std::vector<std::string> rows;
+    if (!c.ok() ||
+        !c.run("SELECT STATUS FROM OLVANE_STATUS WHERE MOUNTPOINT = ?;", {mountPoint}, &rows) ||
+        rows.empty())
+        return std::string();
+    return rows[0];
 }
 
 bool DatabaseMgr::dbSizeHasReachLimit(const std::string& dbName) {
-    struct stat st;
-    long long total = 0;
-    if (::stat(dbName.c_str(), &st) == 0)
-        total += st.st_size;
-    if (::stat((dbName + "-wal").c_str(), &st) == 0)
-        total += st.st_size;
-    return total >= kSizeLimit;
+    return fileSize(dbName) + fileSize(dbName + "-wal") >= kSizeLimit;
 }
 
-void DatabaseMgr::checkAndDelete(const std::string&, long) {}
+void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
+    const std::string dir = databaseDirectory();
+    const std::string own = getDbNameFromDevId(devId);
+    DIR* d = ::opendir(dir.c_str());
+    if (!d) {
+        ZQLOG_WARN("cannot read %s: %s", dir.c_str(), std::strerror(errno));
+        return;
+    }
+    struct Stored {
+        long long indexedAt;
+        std::string name;
+    };
+    std::vector<Stored> others;
+    long long total = 0;
+    while (dirent* e = ::readdir(d)) {
+        const std::string file = e->d_name;
+        if (file.size() < 4 || file.compare(file.size() - 3, 3, ".db") != 0)
+            continue;
+        const std::string name = dir + "/" + file;
+        struct stat st;
+        if (::stat(name.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+            continue;
+        total += storedSize(name);
+        if (name != own)
+            others.push_back({0, name});
+    }
+    ::closedir(d);
+    if (total <= limit)
+        return;
+    for (Stored& s : others)
+        s.indexedAt = indexedAt(s.name);
+    std::sort(others.begin(), others.end(), [](const Stored& a, const Stored& b) {
+        return a.indexedAt != b.indexedAt ? a.indexedAt < b.indexedAt : a.name < b.name;
+    });
+    for (const Stored& s : others) {
+        if (total <= limit)
+            break;
+        const long long size = storedSize(s.name);
+        ZQLOG_INFO("size limit %ld: deleting %s (%lld bytes, indexed at %lld)", limit,
+                   s.name.c_str(), size, s.indexedAt);
+        removeFiles(s.name);
+        total -= size;
+    }
+    if (total > limit)
+        ZQLOG_WARN("databases take %lld bytes after clean-up, over the limit %ld", total, limit);
+}
 
 void DatabaseMgr::deleteDb(const std::string& devId) {
     const std::string name = getDbNameFromDevId(devId);
-    for (const char* suffix : {"", "-wal", "-shm"})
-        ::unlink((name + suffix).c_str());
+    ZQLOG_INFO("deleting %s", name.c_str());
+    removeFiles(name);
 }
 
-void DatabaseMgr::sync(const std::string&) {}
+void DatabaseMgr::sync(const std::string& devId) {
+    const std::string name = getDbNameFromDevId(devId);
+    if (!fileExists(name)) {
+        ZQLOG_WARN("nothing to sync: %s does not exist", name.c_str());
+        return;
+    }
+    {
+        Connection c(name, false, kShortTimeoutMs);
+        // The pragma (unlike sqlite3_wal_checkpoint_v2 on a fresh connection)
+        // reads the file first, so it knows the database is in WAL mode. Its
+        // first column is 1 when a reader kept the WAL; the WAL is then
+        // fsynced below.
+        std::vector<std::string> busy;
+        if (c.ok() && c.run("PRAGMA wal_checkpoint(TRUNCATE);", {}, &busy) && !busy.empty() &&
+            busy[0] != "0")
+            ZQLOG_WARN("checkpoint of %s incomplete: the WAL is in use", name.c_str());
+    }
+    fsyncPath(name, O_RDONLY);
+    fsyncPath(name + "-wal", O_RDONLY);
+    size_t slash = name.rfind('/');
+    fsyncPath(slash == std::string::npos ? "."
+              : slash == 0               ? "/"
+                                         : name.substr(0, slash),
+              O_RDONLY | O_DIRECTORY);
+}
 
 std::vector<std::pair<std::string, std::string>> DatabaseMgr::getStatuses(
     const std::string& devId) {
     std::vector<std::pair<std::string, std::string>> out;
-    Connection c(getDbNameFromDevId(devId));
+    const std::string name = getDbNameFromDevId(devId);
+    if (!fileExists(name))
+        return out;
+    Connection c(name, false, kBusyTimeoutMs);
     sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(c.get(),
-                           "SELECT MOUNTPOINT, STATUS FROM OLVANE_STATUS ORDER BY MOUNTPOINT;", -1,
-                           &stmt, nullptr) != SQLITE_OK)
+    if (!c.ok() || sqlite3_prepare_v2(c.get(),
+                                      "SELECT MOUNTPOINT, STATUS FROM OLVANE_STATUS "
+                                      "ORDER BY MOUNTPOINT;",
+                                      -1, &stmt, nullptr) != SQLITE_OK)
         return out;
     while (sqlite3_step(stmt) == SQLITE_ROW) {
         const unsigned char* mp = sqlite3_column_text(stmt, 0);

@@ -1,8 +1,19 @@
 #pragma once
 // libolvane-common's manager of the per-device index databases: file names,
 // schema, status records, partitions and housekeeping. Thread-safe: every
-// operation opens its own short-lived connection.
+// operation opens its own short-lived connection, and the manager's settings
+// are guarded by its mutex. Only createDb throws; every other failure (a
+// missing, locked, full or corrupt database) is logged and leaves the files
+// as they were.
+//
+// Besides the index tables each database holds two tables of its own:
+//   OLVANE_STATUS (MOUNTPOINT, STATUS, INDEXED_AT): one status per mount
+//     point, with the time (seconds) at which it was last written; the
+//     newest INDEXED_AT is the database's "indexed at" time.
+//   OLVANE_PARTITIONS (MOUNTPOINT, BASE, SEEN): the device's partitions;
+//     SEEN is 1 for those seen in the current attach of the device.
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -26,28 +37,43 @@ public:
     void createDirectory();
 
     // Creates the database and its schema when missing (idempotent), in WAL
-    // mode, and records the partition: isFirstPartition starts a new attach
-    // of the device. Throws std::runtime_error when the database cannot be made.
+    // mode, in one transaction, and records the partition: isFirstPartition
+    // starts a new attach of the device (the partitions seen so far are
+    // forgotten); every call marks `mountPoint` as seen in the current attach.
+    // Throws std::runtime_error when the database cannot be opened or made.
     void createDb(const std::string& devId, const std::string& mountPoint, bool isFirstPartition);
-    // Deletes the rows and status of this device's partitions not seen in the
-    // current attach.
+    // Deletes the SONGS, DIRECTORIES and PLAYLISTS rows and the status of
+    // the device's partitions not seen in the current attach, then the
+    // lookup rows no song uses any more. Rows are chosen by PARTITION_ID or
+    // by lying at or below the partition's mount point, never when they lie
+    // below a partition seen in the current attach. `mountPoint` is kept.
     void removeDanglingPartitions(const std::string& devId, const std::string& mountPoint);
 
+    // Records `status` for the mount point with the current time. Does not
+    // create a database that does not exist.
     void insertStatus(const std::string& devId, const std::string& mountPoint, const char* status);
-    // "" when no status is recorded.
+    // "" when no status is recorded or the database cannot be read.
     std::string getStatus(const std::string& devId, const std::string& mountPoint);
     // Every (mount point, status) recorded for the device, by mount point.
     std::vector<std::pair<std::string, std::string>> getStatuses(const std::string& devId);
 
     // True when the file and its WAL together reach kSizeLimit bytes.
     bool dbSizeHasReachLimit(const std::string& dbName);
-    // Deletes other devices' databases, least recently indexed first, until
-    // all stored databases together take at most `limit` bytes.
+    // Keeps all stored databases (*.db in the directory, with their -wal and
+    // -shm files) at or under `limit` bytes together by deleting other
+    // devices' databases, least recently indexed first (oldest INDEXED_AT;
+    // a database without a readable status counts by its file's
+    // modification time; ties go by file name). Never deletes devId's.
     void checkAndDelete(const std::string& devId, long limit);
     // Removes the file with its -wal and -shm files.
     void deleteDb(const std::string& devId);
-    // Checkpoints the WAL and fsyncs the file and its directory.
+    // Checkpoints the WAL (TRUNCATE) and fsyncs the file, its WAL and its
+    // directory. A missing database is only logged.
     void sync(const std::string& devId);
+
+    // Source of the current time in seconds for INDEXED_AT; time(nullptr)
+    // unless set. An empty function restores the default.
+    void setClock(std::function<long long()> clock);
 
     // Defined in the core library (db/DatabaseOpen.h).
     template <class Stream>
@@ -58,6 +84,9 @@ private:
     DatabaseMgr(const DatabaseMgr&) = delete;
     DatabaseMgr& operator=(const DatabaseMgr&) = delete;
 
+    long long now() const;
+
     mutable std::mutex mutex_;
-    std::string dir_;  // guarded by mutex_; empty: use the environment
+    std::string dir_;                   // guarded by mutex_; empty: use the environment
+    std::function<long long()> clock_;  // guarded by mutex_; empty: time(nullptr)
 };

@@ -42,8 +42,8 @@ std::string Md5::canonical(Kind kind, const std::string& text) {
 
 Md5::Md5(Kind kind, const std::string& text) {
     const std::string data = canonical(kind, text);
-    gchar* hex = g_compute_checksum_for_data(
-        G_CHECKSUM_MD5, reinterpret_cast<const guchar*>(data.data()), data.size());
-    hex_ = hex;
-    g_free(hex);
+    GChecksum* sum = g_checksum_new(G_CHECKSUM_MD5);
+    g_checksum_update(sum, reinterpret_cast<const guchar*>(data.data()), gssize(data.size()));
+    hex_ = g_checksum_get_string(sum);  // lowercase hex
+    g_checksum_free(sum);
 }

@@ -1,6 +1,19 @@
 #pragma once
 // Text ids that join the index tables: 32 lowercase hex digits of the MD5
-// digest of the kind's canonical form of a text.
+// digest (GLib's GChecksum) of the kind's canonical form of a text. A
+// default-made Md5 is empty. The whole index relies on these rules:
+//   SONGS.OBJECTID, PLAYLISTS.TRACKID    kind 0 of the song's path. Leading
+//       '/' are ignored: a playlist entry "media/usb/a.mp3" (parsed from
+//       "file:///media/usb/a.mp3") names the song "/media/usb/a.mp3".
+//   DIRECTORIES.OBJECTID, PARENT_ID      kind 1 of the directory's path;
+//   SONGS.DIRECTORYID                    kind 1 of the path of the song's
+//       directory, so it equals that directory's OBJECTID.
+//   PARTITION_ID                         kind 1 of the mount point.
+//   ARTISTID, GENREID, COMPOSERID        kinds 2, 4, 5 of the name, NFC and
+//       case-folded: "ABBA" and "Abba" are one artist.
+//   ALBUMID                              kind 3 of album, '\x1f', artist
+//       (MetaDataInfo): two artists' "Greatest Hits" are two albums.
+//   PLAYLISTS.PLAYID                     kind 6 of the playlist's path.
 
 #include <string>
 

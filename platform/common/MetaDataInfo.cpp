@@ -1,8 +1,15 @@
 #include "platform/common/MetaDataInfo.h"
 
 #include <strings.h>
+#include <unicode/translit.h>
+#include <unicode/unistr.h>
+#include <unicode/uscript.h>
+
+#include <memory>
+#include <mutex>
 
 #include "platform/common/Md5.h"
+#include "platform/log/ZQLog.h"
 
 namespace {
 
@@ -98,11 +105,45 @@ MetaDataInfo::MetaDataInfo(const std::string& path_, const std::string& parent,
     objectId = songId;
 }
 
+std::string MetaDataInfo::asianReading(const std::string& text) {
+    icu::UnicodeString u = icu::UnicodeString::fromUTF8(text);
+    bool asian = false;
+    for (int32_t i = 0; i < u.length() && !asian; i = u.moveIndex32(i, 1)) {
+        UErrorCode err = U_ZERO_ERROR;
+        UScriptCode script = uscript_getScript(u.char32At(i), &err);
+        asian = U_SUCCESS(err) && (script == USCRIPT_HAN || script == USCRIPT_HIRAGANA ||
+                                   script == USCRIPT_KATAKANA || script == USCRIPT_HANGUL);
+    }
+    if (!asian)
+        return std::string();
+
+    // One transliterator for the process; it is not thread-safe.
+    static std::mutex mutex;
+    static std::unique_ptr<icu::Transliterator> latin;
+    static bool tried = false;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!tried) {
+        tried = true;
+        UErrorCode err = U_ZERO_ERROR;
+        latin.reset(
+            icu::Transliterator::createInstance("Any-Latin; Latin-ASCII", UTRANS_FORWARD, err));
+        if (U_FAILURE(err) || !latin) {
+            ZQLOG_ERROR("no transliterator: %s", u_errorName(err));
+            latin.reset();
+        }
+    }
+    if (!latin)
+        return std::string();
+    latin->transliterate(u);
+    std::string out;
+    u.toUTF8String(out);
+    return trim(out).str();
+}
+
 void MetaDataInfo::setAsianFields() {
-    // Transliteration is filled in by the common library's ICU support.
-    asianTitle.clear();
-    asianArtist.clear();
-    asianAlbum.clear();
-    asianGenre.clear();
-    asianComposer.clear();
+    asianTitle = asianReading(title);
+    asianArtist = asianReading(artist);
+    asianAlbum = asianReading(album);
+    asianGenre = asianReading(genre);
+    asianComposer = asianReading(composer);
 }

@@ -1,5 +1,11 @@
 #pragma once
-// One song as the song saver writes it. Texts are UTF-8; ids are Md5 texts.
+// One song as the song saver writes it. Texts are UTF-8; ids are Md5 texts
+// made by the constructors (rules in Md5.h): objectId kind 0 of the path
+// (MTP: the given song id), directoryId kind 1 of the path before its last
+// '/', partitionId kind 1 of the mount point, artist/genre/composer ids of
+// the names, albumId of album and artist together. audioType comes from the
+// path's extension, bookmark is 0, the Asian readings are empty until
+// setAsianFields(). Owned by the block that carries it.
 
 #include <string>
 
@@ -21,9 +27,12 @@ public:
                  const std::string& composer, int trackNumber, int discNumber, long lastModified,
                  const std::string& songId);
 
-    // Fills the Asian readings: a Latin transliteration of texts holding
-    // Han, Hiragana, Katakana or Hangul, empty otherwise.
+    // Fills the Asian readings of title, artist, album, genre and composer.
+    // Thread-safe: the one process-wide transliterator is used under a lock.
     void setAsianFields();
+    // ASCII Latin transliteration (ICU "Any-Latin; Latin-ASCII") of UTF-8
+    // text holding Han, Hiragana, Katakana or Hangul; "" for other text.
+    static std::string asianReading(const std::string& text);
 
     // Audio type codes, from the file's extension.
     enum AudioType {
