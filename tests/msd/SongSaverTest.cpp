@@ -150,17 +150,4 @@ TEST_F(Fixture, EmptyTagsAndBrokenRowsDoNotStopTheBlock) {
     EXPECT_EQ(1, count("SELECT COUNT(*) FROM ARTISTS WHERE ARTIST = ''"));
 }
 
-TEST(SongSaverOrderTest, SortAndUniqueCompareTheTablesIds) {
-    MetaDataInfo a("/m/a.mp3", "/m", "t", "Artist A", "Album", "Genre", "Comp", 1, 1, 0);
-    MetaDataInfo b("/m/b.mp3", "/m", "t", "Artist B", "Album", "Genre", "Comp", 1, 1, 0);
-    EXPECT_TRUE(uniqueOnGenre(&a, &b));
-    EXPECT_TRUE(uniqueOnComposer(&a, &b));
-    EXPECT_FALSE(uniqueOnArtist(&a, &b));
-    EXPECT_FALSE(uniqueOnAlbum(&a, &b));  // same album name, other artist
-    EXPECT_NE(sortOnArtist(&a, &b), sortOnArtist(&b, &a));
-    EXPECT_FALSE(sortOnGenre(&a, &b) || sortOnGenre(&b, &a));
-    EXPECT_NE(sortOnAlbum(&a, &b), sortOnAlbum(&b, &a));
-    EXPECT_FALSE(sortOnComposer(&a, &b));
-}
-
 }  // namespace
