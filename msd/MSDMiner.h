@@ -1,0 +1,23 @@
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+
+#include "framework/Block.h"
+#include "framework/Server.h"
+#include "msd/FileInfo.h"
+#include "platform/common/MetaDataInfo.h"
+
+namespace kestrow {
+
+// Reads the tags of each file of a block and emits one song record per file.
+// Runs on its own thread. While a block is read, the process's standard
+// error is sent to /dev/null (TagLib's diagnostics), process-wide.
+class MSDMiner : public Server<Block<FileInfo*>, Block<MetaDataInfo*>> {
+public:
+    explicit MSDMiner(const char* name);
+
+    boost::shared_ptr<Block<MetaDataInfo*>> doOperation(
+        boost::shared_ptr<Block<FileInfo*>> in) override;
+};
+
+}  // namespace kestrow

@@ -1,0 +1,169 @@
+#include "msd/SongSaver.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+
+#include "db/Timer.h"
+
+namespace {
+
+// Texts as executed; the wide runs of blanks belong to them.
+const char kInsertSong[] =
+    "INSERT INTO SONGS (PARTITION_ID,                                        PATH,                 "
+    "                       OBJECTID,                                        DIRECTORYID,          "
+    "                              NAME,                                        TITLE,             "
+    "                           ARTISTID,                                        ALBUMID,          "
+    "                              GENREID,                                        COMPOSERID,     "
+    "                                   AUDIOTYPE,                                        "
+    "BOOKMARK,                                        LASTMODIFIED,                                "
+    "       TRACKIND,                                       DISCNUM,                               "
+    "        ASIANTITLE                                         )                                  "
+    "      VALUES                                        (?,                                       "
+    " ?,                                        ?,                                        ?,       "
+    "                                 ?,                                        ?,                 "
+    "                       ?,                                        ?,                           "
+    "             ?,                                        ?,                                     "
+    "   ?,                                        ?,                                        ?,     "
+    "                                   ?,                                        ?,               "
+    "                         ?);";
+
+const char kReplaceGenre[] =
+    "REPLACE INTO GENRES (GENREID ,                                        GENRE,                  "
+    "                      ASIANGENRE                                       )                      "
+    "                  VALUES                                        (?,                           "
+    "             ?,                                        ?);";
+
+const char kReplaceAlbum[] =
+    "REPLACE INTO ALBUMS (ALBUMID  ,                                        ALBUM,                 "
+    "                       ASIANALBUM                                       )                     "
+    "                   VALUES                                        (?,                          "
+    "              ?,                                        ?);";
+
+const char kReplaceArtist[] =
+    "REPLACE INTO ARTISTS (ARTISTID,                                        ARTIST,                "
+    "                        ASIANARTIST                                       )                   "
+    "                     VALUES                                        (?,                        "
+    "                ?,                                        ?);";
+
+const char kReplaceComposer[] =
+    "REPLACE INTO COMPOSERS (COMPOSERID  ,                                        COMPOSER,        "
+    "                                ASIANCOMPOSER                                       )         "
+    "                               VALUES                                        (?,              "
+    "                          ?,                                        ?);";
+
+const char kCleanUp[] =
+    "BEGIN TRANSACTION; DELETE FROM ARTISTS WHERE ARTISTID NOT IN ( SELECT DISTINCT ARTISTID FROM "
+    "SONGS);DELETE FROM ALBUMS WHERE ALBUMID NOT IN ( SELECT DISTINCT ALBUMID FROM SONGS);DELETE "
+    "FROM GENRES WHERE GENREID NOT IN ( SELECT DISTINCT GENREID FROM SONGS);DELETE FROM COMPOSERS "
+    "WHERE COMPOSERID NOT IN ( SELECT DISTINCT COMPOSERID FROM SONGS);COMMIT;";
+
+}  // namespace
+
+bool sortOnGenre(const MetaDataInfo* a, const MetaDataInfo* b) {
+    return a->genreId < b->genreId;
+}
+bool uniqueOnGenre(const MetaDataInfo* a, const MetaDataInfo* b) {
+    return a->genreId == b->genreId;
+}
+bool sortOnAlbum(const MetaDataInfo* a, const MetaDataInfo* b) {
+    return a->albumId < b->albumId;
+}
+bool uniqueOnAlbum(const MetaDataInfo* a, const MetaDataInfo* b) {
+    return a->albumId == b->albumId;
+}
+bool sortOnArtist(const MetaDataInfo* a, const MetaDataInfo* b) {
+    return a->artistId < b->artistId;
+}
+bool uniqueOnArtist(const MetaDataInfo* a, const MetaDataInfo* b) {
+    return a->artistId == b->artistId;
+}
+bool sortOnComposer(const MetaDataInfo* a, const MetaDataInfo* b) {
+    return a->composerId < b->composerId;
+}
+bool uniqueOnComposer(const MetaDataInfo* a, const MetaDataInfo* b) {
+    return a->composerId == b->composerId;
+}
+
+namespace kestrow {
+
+SongSaver::SongSaver(const char* name_) : ServerDB<Block<MetaDataInfo*>, Block<void>>(name_) {}
+
+void SongSaver::exec(const char* sql) {
+    char* error = nullptr;
+    int rc = sqlite3_exec(ostream.db, sql, nullptr, nullptr, &error);
+    if (rc != SQLITE_OK)
+        ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(ostream.db));
+    sqlite3_free(error);
+}
+
+void SongSaver::saveSongs(const std::vector<MetaDataInfo*>& songs) {
+    ostream.query(kInsertSong);
+    for (MetaDataInfo* s : songs) {
+        if (!s)
+            continue;
+        if (!ostream.stmt)
+            ostream.query(kInsertSong);  // a failed row discards the statement
+        ostream << s->partitionId << s->path << s->objectId << s->directoryId << s->name << s->title
+                << s->artistId << s->albumId << s->genreId << s->composerId << s->audioType
+                << s->bookmark << s->lastModified << s->trackNumber << s->discNumber
+                << s->asianTitle << sqlstl::step;
+        ostream.clear();
+    }
+    ostream.finalize();
+}
+
+void SongSaver::saveLookup(std::vector<MetaDataInfo*> songs,
+                           bool (*sort)(const MetaDataInfo*, const MetaDataInfo*),
+                           bool (*unique)(const MetaDataInfo*, const MetaDataInfo*),
+                           const char* sql, const std::string MetaDataInfo::*id,
+                           const std::string MetaDataInfo::*name,
+                           const std::string MetaDataInfo::*asian) {
+    songs.erase(std::remove(songs.begin(), songs.end(), nullptr), songs.end());
+    std::sort(songs.begin(), songs.end(), sort);
+    songs.erase(std::unique(songs.begin(), songs.end(), unique), songs.end());
+    ostream.query(sql);
+    for (MetaDataInfo* s : songs) {
+        if (!ostream.stmt)
+            ostream.query(sql);
+        ostream << s->*id << s->*name << s->*asian << sqlstl::step;
+        ostream.clear();
+    }
+    ostream.finalize();
+}
+
+boost::shared_ptr<Block<void>> SongSaver::doOperation(boost::shared_ptr<Block<MetaDataInfo*>> in) {
+    const Operation& op = in->operation;
+    ZQLOG_INFO("SongSaver for: %u (op: %d)", unsigned(in->items.size()), op.id);
+    if (!ostream.db)
+        open(op.deviceId);
+    ZQLOG_INFO("SongSaver (op: %d)", op.id);
+    Timer timer;
+
+    exec("BEGIN TRANSACTION;");
+    saveSongs(in->items);
+    saveLookup(in->items, sortOnGenre, uniqueOnGenre, kReplaceGenre, &MetaDataInfo::genreId,
+               &MetaDataInfo::genre, &MetaDataInfo::asianGenre);
+    saveLookup(in->items, sortOnAlbum, uniqueOnAlbum, kReplaceAlbum, &MetaDataInfo::albumId,
+               &MetaDataInfo::album, &MetaDataInfo::asianAlbum);
+    saveLookup(in->items, sortOnArtist, uniqueOnArtist, kReplaceArtist, &MetaDataInfo::artistId,
+               &MetaDataInfo::artist, &MetaDataInfo::asianArtist);
+    saveLookup(in->items, sortOnComposer, uniqueOnComposer, kReplaceComposer,
+               &MetaDataInfo::composerId, &MetaDataInfo::composer, &MetaDataInfo::asianComposer);
+    exec("END TRANSACTION;");
+    ZQLOG_INFO("SongSaver timer: %ld (op: %d)", timer.stop(), op.id);
+
+    if (op.lastBlock) {
+        ZQLOG_INFO("Clear");
+        exec(kCleanUp);
+        ZQLOG_INFO("SongSaver close db");
+        ostream.close();
+        istream.close();
+    }
+
+    boost::shared_ptr<Block<void>> out(new Block<void>());
+    out->operation = op;
+    return out;
+}
+
+}  // namespace kestrow
