@@ -1,15 +1,15 @@
 #include "msd/MSDMiner.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <taglib/audioproperties.h>
 #include <taglib/fileref.h>
 #include <taglib/tfile.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <iostream>
+#include <streambuf>
 
 #include "db/Timer.h"
 #include "msd/Encoder.h"
@@ -19,30 +19,22 @@ namespace kestrow {
 
 namespace {
 
-// Sends standard error to /dev/null for its lifetime.
+// Sends the standard error stream (std::cerr, where TagLib writes its
+// diagnostics) to a null stream for its lifetime. The file descriptor is left
+// alone, so the log's stderr mirror and the host's own output still work.
 class SilentStderr {
 public:
-    SilentStderr() {
-        std::fflush(stderr);
-        saved_ = dup(STDERR_FILENO);
-        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (saved_ >= 0 && null >= 0)
-            dup2(null, STDERR_FILENO);
-        if (null >= 0)
-            close(null);
-    }
-    ~SilentStderr() {
-        if (saved_ < 0)
-            return;
-        std::fflush(stderr);
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
+    SilentStderr() : saved_(std::cerr.rdbuf(&null_)) {}
+    ~SilentStderr() { std::cerr.rdbuf(saved_); }
     SilentStderr(const SilentStderr&) = delete;
     SilentStderr& operator=(const SilentStderr&) = delete;
 
 private:
-    int saved_;
+    struct NullBuffer : std::streambuf {
+        int overflow(int c) override { return traits_type::not_eof(c); }
+    };
+    NullBuffer null_;
+    std::streambuf* saved_;
 };
 
 }  // namespace
