@@ -1,0 +1,51 @@
+#include "msd/ChangeFinder.h"
+
+#include <QString>
+
+#include "facade/KestrowQTProxy.h"
+#include "msd/GenericChangeFinder.h"
+#include "msd/MountPointPattern.h"
+#include "platform/common/DatabaseMgr.h"
+
+namespace kestrow {
+
+ChangeFinder::ChangeFinder(const char* name_, const char* selectText_, const char* deleteText_,
+                           bool completeSelect_)
+    : ServerDB<Block<FileInfo*>, Block<FileInfo*>>(name_),
+      selectText(selectText_),
+      deleteText(deleteText_),
+      completeSelect(completeSelect_) {}
+
+boost::shared_ptr<Block<FileInfo*>> ChangeFinder::doOperation(
+    boost::shared_ptr<Block<FileInfo*>> in) {
+    const Operation& op = in->operation;
+    ZQLOG_INFO("ChangeFinder for: %u (op: %d)", unsigned(in->items.size()), op.id);
+    boost::shared_ptr<Block<FileInfo*>> out(new Block<FileInfo*>());
+    out->operation = op;
+    if (op.deviceGone) {
+        // What was found is incomplete: comparing would delete the rest.
+        ZQLOG_WARN("device gone, nothing compared (op: %d)", op.id);
+        return out;
+    }
+
+    open(op.deviceId);
+    std::string select(selectText);
+    if (!completeSelect)
+        select += mountPointPattern(op.mountPoint) + ";";
+
+    GenericChangeFinder finder(name, ostream, istream, op);
+    finder.findDifference(select, deleteText, in.get(), out.get());
+    istream.close();
+    ostream.close();
+
+    if (!out->items.empty()) {
+        DatabaseMgr::instance().insertStatus(op.deviceId, op.mountPoint, "PROGRESS");
+        if (state == 0) {
+            emit KestrowQTProxy::instance().contentModified(
+                QString::fromLatin1(op.mountPoint.c_str()));
+        }
+    }
+    return out;
+}
+
+}  // namespace kestrow

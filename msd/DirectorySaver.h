@@ -1,0 +1,32 @@
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+
+#include "framework/Block.h"
+#include "framework/ServerDB.h"
+#include "msd/Directory.h"
+
+namespace kestrow {
+
+// Keeps DIRECTORIES in step with the directories of one mount point that
+// lead to music: a directory is stored when a song lies in it or below it.
+// The mount point's rows are rewritten, in one transaction, only when the
+// set of such directories differs from the stored one.
+//
+// Takes ownership of the crawler's directory block; emits one empty
+// Block<void> per operation. Runs on the stage's own thread with its own
+// connections, which are opened and closed for each operation. A block whose
+// device is gone is passed on without touching the database.
+class DirectorySaver : public ServerDB<Block<Directory*>, Block<void>> {
+public:
+    explicit DirectorySaver(const char* name);
+
+    boost::shared_ptr<Block<void>> doOperation(boost::shared_ptr<Block<Directory*>> in) override;
+
+    // Sets hasMusic on every ancestor of a directory that has it, following
+    // parent indexes (-1 ends the chain). Throws std::out_of_range for a
+    // parent index outside the block.
+    void propagateMusicPresence(Block<Directory*>* block);
+};
+
+}  // namespace kestrow

@@ -1,0 +1,114 @@
+#include "msd/GenericChangeFinder.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "db/Timer.h"
+#include "msd/DbObject.h"
+#include "platform/log/ZQLog.h"
+
+namespace kestrow {
+
+namespace {
+
+// Path first (byte-wise), then modification time: records match only when
+// both are equal.
+bool fileBefore(const FileInfo* a, const FileInfo* b) {
+    int c = a->path->compare(*b->path);
+    return c < 0 || (c == 0 && a->lastModified < b->lastModified);
+}
+
+bool objectBefore(const DbObject& a, const DbObject& b) {
+    int c = a.path.compare(b.path);
+    return c < 0 || (c == 0 && a.lastModified < b.lastModified);
+}
+
+// -1, 0 or 1 as the file sorts before, with or after the object.
+int compare(const FileInfo* file, const DbObject& object) {
+    int c = file->path->compare(object.path);
+    if (c != 0)
+        return c < 0 ? -1 : 1;
+    if (file->lastModified != object.lastModified)
+        return file->lastModified < object.lastModified ? -1 : 1;
+    return 0;
+}
+
+}  // namespace
+
+GenericChangeFinder::GenericChangeFinder(const char* name_,
+                                         sqlstl::basic_sqlostream<char>& ostream_,
+                                         sqlstl::basic_sqlistream<char>& istream_,
+                                         const Operation& operation_)
+    : name(name_), ostream(ostream_), istream(istream_), operation(operation_) {}
+
+int GenericChangeFinder::findDifference(const std::string& select, const std::string& deleteText,
+                                        Block<FileInfo*>* in, Block<FileInfo*>* out) {
+    Timer timer;
+
+    std::vector<DbObject> objects;
+    istream.query(select);
+    for (;;) {
+        istream.step();
+        if (!istream.good())
+            break;
+        int id = 0;
+        double lastModified = 0;
+        std::string path;
+        istream >> id >> lastModified >> path;
+        if (!istream.good())
+            break;  // a NULL path ends the reading
+        objects.push_back(DbObject(id, int(lastModified), path));
+    }
+    istream.finalize();
+
+    std::vector<FileInfo*>& files = in->items;
+    files.erase(std::remove(files.begin(), files.end(), nullptr), files.end());
+    std::sort(files.begin(), files.end(), fileBefore);
+    std::sort(objects.begin(), objects.end(), objectBefore);
+    ZQLOG_INFO("%s: Data Inside db Count: %u, Data Inside device count %d (op:%d)", name,
+               unsigned(objects.size()), int(files.size()), operation.id);
+
+    // One merge gives both differences: files without a row are added, rows
+    // without a file are deleted.
+    std::vector<const DbObject*> toDelete;
+    size_t f = 0, o = 0;
+    int added = 0;
+    while (f < files.size() || o < objects.size()) {
+        int c = f == files.size() ? 1 : o == objects.size() ? -1 : compare(files[f], objects[o]);
+        if (c < 0) {
+            out->items.push_back(files[f]);
+            files[f] = nullptr;
+            ++added;
+            ++f;
+        } else if (c > 0) {
+            toDelete.push_back(&objects[o]);
+            ++o;
+        } else {
+            ++f;
+            ++o;
+        }
+    }
+    ZQLOG_INFO("%s: db Objects To be Deleted count: %u (op:%d)", name, unsigned(toDelete.size()),
+               operation.id);
+
+    if (!toDelete.empty()) {
+        sqlite3_exec(ostream.db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.query(deleteText);
+        for (const DbObject* object : toDelete) {
+            if (!ostream.good())
+                ostream.query(deleteText);  // a failed row does not stop the others
+            ostream << object->id << sqlstl::step;
+        }
+        sqlite3_exec(ostream.db, "END TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.finalize();
+    }
+
+    ZQLOG_INFO("ChangeFinder timer: %ld", timer.stop());
+    ZQLOG_INFO("%s: Data to be added to db size: %u (op:%d)", name, unsigned(out->items.size()),
+               operation.id);
+    return added;
+}
+
+}  // namespace kestrow

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+
+#include "framework/Block.h"
+#include "framework/Operation.h"
+#include "msd/FileInfo.h"
+#include "sql/SqlStream.h"
+
+namespace kestrow {
+
+// Compares the files found on a device with the rows a database holds, by
+// path and modification time, for one operation. Borrows the caller's
+// streams (both connected) and uses them on the caller's thread only.
+class GenericChangeFinder {
+public:
+    GenericChangeFinder(const char* name, sqlstl::basic_sqlostream<char>& ostream,
+                        sqlstl::basic_sqlistream<char>& istream, const Operation& operation);
+
+    // Reads the rows with `select` (ID, LASTMODIFIED, path), deletes with
+    // `deleteText` (one integer parameter, the ID) every row that matches no
+    // record of `in`, and moves the records of `in` that match no row to
+    // `out`, sorted by path; their slots in `in` are nulled. Sorts `in`.
+    // Database errors are logged and leave the affected rows alone. Returns
+    // the number of records moved.
+    int findDifference(const std::string& select, const std::string& deleteText,
+                       Block<FileInfo*>* in, Block<FileInfo*>* out);
+
+private:
+    const char* name;
+    sqlstl::basic_sqlostream<char>& ostream;
+    sqlstl::basic_sqlistream<char>& istream;
+    Operation operation;
+};
+
+}  // namespace kestrow

@@ -1,0 +1,199 @@
+#include "msd/MSDCrawler.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <sys/stat.h>
+
+#include <QString>
+#include <cctype>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <utility>
+
+#include "db/Timer.h"
+#include "facade/KestrowQTProxy.h"
+
+namespace kestrow {
+
+namespace {
+
+struct Extension {
+    const char* text;  // lower case
+    MSDCrawler::FileKind kind;
+};
+
+// Tried in this order; the first match wins.
+const Extension kExtensions[] = {
+    {".mp3", MSDCrawler::SONG},     {".m4b", MSDCrawler::SONG},     {".m4a", MSDCrawler::SONG},
+    {".wma", MSDCrawler::SONG},     {".aac", MSDCrawler::SONG},     {".wav", MSDCrawler::SONG},
+    {".mpg", MSDCrawler::SONG},     {".mpeg", MSDCrawler::SONG},    {".asf", MSDCrawler::SONG},
+    {".m4p", MSDCrawler::SONG},     {".flac", MSDCrawler::SONG},    {".m4r", MSDCrawler::SONG},
+    {".mp4", MSDCrawler::SONG},     {".m3u", MSDCrawler::PLAYLIST}, {".m3u8", MSDCrawler::PLAYLIST},
+    {".pls", MSDCrawler::PLAYLIST}, {".asx", MSDCrawler::PLAYLIST}, {".wpl", MSDCrawler::PLAYLIST},
+};
+
+// Entries never looked at, files and directories alike.
+bool isSkippedName(const char* name) {
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 ||
+           std::strcmp(name, ".TRASH") == 0 || std::strcmp(name, "$RECYCLE.BIN") == 0;
+}
+
+// True when `path` (resolved) is `root` (resolved) or lies below it.
+bool isBelow(const std::string& path, const std::string& root) {
+    if (root.empty())
+        return false;
+    if (root == "/")
+        return true;
+    return path.compare(0, root.size(), root) == 0 &&
+           (path.size() == root.size() || path[root.size()] == '/');
+}
+
+std::string resolve(const std::string& path) {
+    char* resolved = realpath(path.c_str(), nullptr);
+    if (!resolved)
+        return std::string();
+    std::string result(resolved);
+    std::free(resolved);
+    return result;
+}
+
+typedef std::pair<dev_t, ino_t> DirectoryKey;
+
+}  // namespace
+
+MSDCrawler::FileKind MSDCrawler::kindOf(const std::string& name) {
+    std::string lower(name);
+    for (char& c : lower)
+        c = char(std::tolower(static_cast<unsigned char>(c)));
+    for (const Extension& ext : kExtensions) {
+        // The first occurrence must end the name: "a.mp3.mp3" is no song.
+        size_t at = lower.find(ext.text);
+        if (at != std::string::npos && at + std::strlen(ext.text) == lower.size())
+            return ext.kind;
+    }
+    return OTHER;
+}
+
+MSDCrawler::MSDCrawler(const char* name_)
+    : Server<Block<Directory*>, Block<FileInfo*>>(name_),
+      playlistSink(nullptr),
+      directorySink(nullptr) {}
+
+void MSDCrawler::setPlaylistSink(BaseServer<Block<FileInfo*>>* sink) {
+    playlistSink = sink;
+}
+
+void MSDCrawler::setDirectorySink(BaseServer<Block<Directory*>>* sink) {
+    directorySink = sink;
+}
+
+boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
+    boost::shared_ptr<Block<Directory*>> in) {
+    std::vector<Directory*>& dirs = in->items;
+    const std::string mountPoint = in->operation.mountPoint;
+    ZQLOG_INFO("MSDCrawler for: %s (op: %d)", dirs.empty() ? "" : dirs[0]->path.c_str(),
+               in->operation.id);
+    Timer timer;
+
+    boost::shared_ptr<Block<FileInfo*>> songs(new Block<FileInfo*>());
+    songs->operation = in->operation;
+    boost::shared_ptr<Block<FileInfo*>> playlists(new Block<FileInfo*>());
+    playlists->operation = in->operation;
+
+    // Links may only lead to places inside the mount point, and no directory
+    // is walked twice: a link to "..", "." or "/" cannot make the walk loop.
+    const std::string root = resolve(mountPoint);
+    std::set<DirectoryKey> walked;
+    for (const Directory* d : dirs) {
+        struct stat st;
+        if (stat(d->path.c_str(), &st) == 0)
+            walked.insert(DirectoryKey(st.st_dev, st.st_ino));
+    }
+
+    uint16_t tracks = 0;
+    for (size_t index = 0; index < dirs.size(); ++index) {
+        Directory* current = dirs[index];
+        DIR* dir = opendir(current->path.c_str());
+        if (!dir) {
+            ZQLOG_WARN("Error opening dir: %s", current->path.c_str());
+            struct stat st;
+            if (stat(mountPoint.c_str(), &st) != 0) {
+                int error = errno;
+                ZQLOG_ERROR("MOUNT POINT IS NOT PRESENT ANYMORE %s: %d", mountPoint.c_str(), error);
+                in->operation.deviceGone = true;
+                songs->operation.deviceGone = true;
+                playlists->operation.deviceGone = true;
+                break;
+            }
+            ZQLOG_WARN("go on");
+            continue;
+        }
+        while (state == 0 && tracks < kTrackLimit) {
+            struct dirent* entry = readdir(dir);
+            if (!entry)
+                break;
+            const char* name = entry->d_name;
+            if (isSkippedName(name))
+                continue;
+            std::string path = current->path + "/" + name;
+            struct stat st;
+            if (lstat(path.c_str(), &st) != 0)
+                continue;
+            if (S_ISLNK(st.st_mode)) {
+                std::string target = resolve(path);
+                if (target.empty())
+                    continue;  // dangling or looping: stat would fail as well
+                if (!isBelow(target, root)) {
+                    ZQLOG_DEBUG("link leads out of the mount point, skipped: %s", path.c_str());
+                    continue;
+                }
+                if (stat(path.c_str(), &st) != 0)
+                    continue;
+            }
+            if (S_ISDIR(st.st_mode)) {
+                if (!walked.insert(DirectoryKey(st.st_dev, st.st_ino)).second) {
+                    ZQLOG_DEBUG("directory already walked, skipped: %s", path.c_str());
+                    continue;
+                }
+                dirs.push_back(new Directory(path, mountPoint, int(index)));
+                continue;
+            }
+            if (!S_ISREG(st.st_mode) || name[0] == '.')
+                continue;
+            FileKind kind = kindOf(name);
+            if (kind == SONG) {
+                songs->items.push_back(new FileInfo(path, 0, int(st.st_mtime)));
+                current->hasMusic = true;
+                ++tracks;
+            } else if (kind == PLAYLIST) {
+                playlists->items.push_back(new FileInfo(path, 0, int(st.st_mtime)));
+            }
+        }
+        closedir(dir);
+    }
+
+    if (tracks == kTrackLimit)
+        ZQLOG_WARN("%d track reached", int(tracks));
+
+    playlists->operation.lastBlock = true;
+    if (playlistSink)
+        playlistSink->enqueue(playlists);
+    if (directorySink)
+        directorySink->enqueue(in);
+
+    ZQLOG_INFO("MSDCrawler timer: %ld (op: %d) found %u", timer.stop(), in->operation.id,
+               unsigned(songs->items.size()));
+    return songs;
+}
+
+void MSDCrawler::signalCompletion(const Operation& op) {
+    if (state != 0) {
+        ZQLOG_INFO("Skip signalCrawlingFinished");
+        return;
+    }
+    emit KestrowQTProxy::instance().crawlingFinished(QString::fromLatin1(op.mountPoint.c_str()));
+}
+
+}  // namespace kestrow

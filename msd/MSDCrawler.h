@@ -1,0 +1,50 @@
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <string>
+
+#include "framework/Block.h"
+#include "framework/Server.h"
+#include "msd/Directory.h"
+#include "msd/FileInfo.h"
+
+namespace kestrow {
+
+// Walks a mounted file system breadth-first from the directory block's items
+// (the mount point first) and sorts what it finds into three blocks: the
+// songs block, returned to the run loop for `next` (the songs change finder);
+// the playlists block, marked last, enqueued into the playlist sink; and the
+// input block, now holding every directory walked, enqueued into the
+// directory sink. At most kTrackLimit songs are collected per operation.
+//
+// Symbolic links are followed, but an entry whose target resolves outside the
+// mount point is skipped, and a directory (device and inode) is walked at
+// most once per operation.
+//
+// The sinks are not owned and are wired before launch(). doOperation and
+// signalCompletion run on the stage's thread; `state` is read without the
+// lock before each directory entry, so stop() or pause() end the walk early.
+class MSDCrawler : public Server<Block<Directory*>, Block<FileInfo*>> {
+public:
+    static const unsigned kTrackLimit = 16000;
+
+    // Song and playlist kinds of a file name; exposed for the stage's tests.
+    enum FileKind { OTHER, SONG, PLAYLIST };
+    static FileKind kindOf(const std::string& name);
+
+    explicit MSDCrawler(const char* name);
+
+    void setPlaylistSink(BaseServer<Block<FileInfo*>>* sink);
+    void setDirectorySink(BaseServer<Block<Directory*>>* sink);
+
+    boost::shared_ptr<Block<FileInfo*>> doOperation(
+        boost::shared_ptr<Block<Directory*>> in) override;
+    // Emits crawlingFinished(mount point) while the stage is running.
+    void signalCompletion(const Operation& op) override;
+
+private:
+    BaseServer<Block<FileInfo*>>* playlistSink;
+    BaseServer<Block<Directory*>>* directorySink;
+};
+
+}  // namespace kestrow

@@ -1,0 +1,44 @@
+#include "msd/Normalizer.h"
+
+#include <algorithm>
+
+#include "db/Timer.h"
+
+namespace kestrow {
+
+Normalizer::Normalizer(const char* name_) : Server<Block<FileInfo*>, Block<FileInfo*>>(name_) {}
+
+boost::shared_ptr<Block<FileInfo*>> Normalizer::doOperation(
+    boost::shared_ptr<Block<FileInfo*>> in) {
+    std::vector<FileInfo*>& items = in->items;
+    ZQLOG_INFO("Normalizer for: %u (op: %d)", unsigned(items.size()), in->operation.id);
+    Timer timer;
+    boost::shared_ptr<Block<FileInfo*>> chunk(new Block<FileInfo*>());
+    chunk->operation = in->operation;
+    if (items.empty())
+        return chunk;
+
+    for (size_t first = 0; first < items.size(); first += kChunkSize) {
+        size_t last = std::min(items.size(), first + kChunkSize);
+        bool final = last == items.size();
+        if (first != 0) {
+            chunk.reset(new Block<FileInfo*>());
+            chunk->operation = in->operation;
+        }
+        chunk->items.assign(items.begin() + long(first), items.begin() + long(last));
+        std::fill(items.begin() + long(first), items.begin() + long(last), nullptr);
+        chunk->operation.lastBlock = final;
+        if (final)
+            break;
+        if (next)
+            next->enqueue(chunk);
+        else
+            ZQLOG_ERROR("no next stage, %u records dropped (op: %d)", unsigned(chunk->items.size()),
+                        in->operation.id);
+    }
+    items.clear();
+    ZQLOG_INFO("Normalizer timer: %ld (op: %d)", timer.stop(), in->operation.id);
+    return chunk;
+}
+
+}  // namespace kestrow
