@@ -70,7 +70,7 @@ protected:
         Collector<Playlists> collector;
         miner.next = &collector;
         bool arrived =
-            olvane::test::runChain({&miner, &collector}, miner, filesBlock(paths), collector);
+            olvane::test::runChain({&miner, &collector}, miner, {filesBlock(paths)}, collector);
         EXPECT_TRUE(arrived);
         return arrived ? collector.at(0) : boost::shared_ptr<Playlists>();
     }

@@ -45,18 +45,19 @@ private:
     std::vector<boost::shared_ptr<T>> blocks_;  // guarded by mutex_
 };
 
-// Launches and starts `stages` (linked, `collector` among them), hands
-// `input` to `first`, waits until `collector` holds `expected` blocks, then
-// stops and joins every stage. Returns whether the blocks arrived.
+// Launches and starts `stages` (linked, `collector` among them), hands the
+// `inputs` to `first`, waits until `collector` holds one block per input,
+// then stops and joins every stage. Returns whether the blocks arrived.
 template <class TIN, class TOUT>
 bool runChain(const std::vector<kestrow::Runnable*>& stages, kestrow::BaseServer<TIN>& first,
-              boost::shared_ptr<TIN> input, Collector<TOUT>& collector, size_t expected = 1) {
+              const std::vector<boost::shared_ptr<TIN>>& inputs, Collector<TOUT>& collector) {
     for (kestrow::Runnable* s : stages)
         s->launch();
     for (kestrow::Runnable* s : stages)
         s->start();
-    first.enqueue(input);
-    bool ok = collector.waitForBlocks(expected);
+    for (const boost::shared_ptr<TIN>& input : inputs)
+        first.enqueue(input);
+    bool ok = collector.waitForBlocks(inputs.size());
     for (kestrow::Runnable* s : stages)
         s->stop();
     for (kestrow::Runnable* s : stages)
