@@ -1,10 +1,11 @@
 #pragma once
-// Runs a chain of stages in tests: a collecting last stage and the
-// launch/start/stop/join sequence around it.
+// Runs a chain of stages in tests. Waiting processes no events, so a waiting
+// test runs no GLib or Qt main loop.
 
 #include <boost/shared_ptr.hpp>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -14,50 +15,44 @@
 namespace olvane {
 namespace test {
 
-// Last stage of a chain: keeps every block it receives. Waiting for them
-// processes no events, so a waiting test runs no GLib or Qt main loop.
+// Last stage of a chain: keeps every block it receives.
 template <class T>
-class Collector : public kestrow::Server<T, kestrow::Block<void>> {
-public:
+struct Collector : kestrow::Server<T, kestrow::Block<void>> {
     Collector() : kestrow::Server<T, kestrow::Block<void>>("Collector") {}
-
     boost::shared_ptr<kestrow::Block<void>> doOperation(boost::shared_ptr<T> input) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        blocks_.push_back(input);
-        arrived_.notify_all();
+        std::lock_guard<std::mutex> lock(mutex);
+        blocks.push_back(input);
+        arrived.notify_all();
         return boost::shared_ptr<kestrow::Block<void>>();
     }
-
-    // Waits until `n` blocks have arrived or `timeoutMs` has passed.
-    bool waitForBlocks(size_t n, int timeoutMs = 20000) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                 [&] { return blocks_.size() >= n; });
+    bool waitForBlocks(size_t n, int timeoutMs) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                [&] { return blocks.size() >= n; });
     }
-    boost::shared_ptr<T> at(size_t i) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return blocks_.at(i);
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable arrived_;
-    std::vector<boost::shared_ptr<T>> blocks_;  // guarded by mutex_
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::vector<boost::shared_ptr<T>> blocks;  // guarded by mutex
 };
 
 // Launches and starts `stages` (linked, `collector` among them), hands the
-// `inputs` to `first`, waits until `collector` holds one block per input,
-// then stops and joins every stage. Returns whether the blocks arrived.
+// `inputs` to `first` and waits for one block per input at `collector`; while
+// they are missing after 20 s, calls `unstick` to free a stuck stage. Then
+// stops and joins every stage. Returns whether the blocks came in time.
 template <class TIN, class TOUT>
-bool runChain(const std::vector<kestrow::Runnable*>& stages, kestrow::BaseServer<TIN>& first,
-              const std::vector<boost::shared_ptr<TIN>>& inputs, Collector<TOUT>& collector) {
+bool runChain(
+    const std::vector<kestrow::Runnable*>& stages, kestrow::BaseServer<TIN>& first,
+    const std::vector<boost::shared_ptr<TIN>>& inputs, Collector<TOUT>& collector,
+    const std::function<void()>& unstick = [] {}) {
     for (kestrow::Runnable* s : stages)
         s->launch();
     for (kestrow::Runnable* s : stages)
         s->start();
     for (const boost::shared_ptr<TIN>& input : inputs)
         first.enqueue(input);
-    bool ok = collector.waitForBlocks(inputs.size());
+    bool ok = collector.waitForBlocks(inputs.size(), 20000);
+    for (int i = 0; !ok && i < 1000 && !collector.waitForBlocks(inputs.size(), 10); ++i)
+        unstick();
     for (kestrow::Runnable* s : stages)
         s->stop();
     for (kestrow::Runnable* s : stages)
