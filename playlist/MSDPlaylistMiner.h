@@ -24,7 +24,7 @@ public:
 
 // Parses the file at wrapper->playlist->path on the calling thread and
 // appends its entries to wrapper->playlist; then broadcasts wrapper->cond
-// under wrapper->mutex. Logs the parser's result; never throws.
+// under wrapper->mutex. Logs the parser's result; parse failures are not thrown.
 void extractPlaylist(PlaylistWrapper* wrapper);
 
 }  // namespace kestrow
