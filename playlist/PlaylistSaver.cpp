@@ -1,0 +1,65 @@
+#include "playlist/PlaylistSaver.h"
+
+#include <sqlite3.h>
+
+#include "db/Timer.h"
+#include "platform/log/ZQLog.h"
+
+namespace kestrow {
+
+namespace {
+
+const char* const kInsertPlaylist =
+    "INSERT INTO PLAYLISTS(PARTITION_ID, PLAYPATH, PLAYID, PLAYNAME, TRACKPATH, TRACKID, "
+    "AUDIOTYPE, LASTMODIFIED) VALUES (?, ?, ?, ?, ?, ?, ?, ?);";
+
+const int kAudioType = 1;
+
+}  // namespace
+
+sqlstl::basic_sqlostream<char>& operator<<(sqlstl::basic_sqlostream<char>& stream,
+                                           const Playlist* playlist) {
+    for (const PlaylistEntry* entry : playlist->entries) {
+        stream << playlist->partitionId.c_str() << playlist->path.c_str() << playlist->id.c_str()
+               << playlist->name.c_str() << entry->path.c_str()
+               << (entry->isMtp ? entry->path.c_str() : entry->id.c_str()) << kAudioType
+               << static_cast<long long>(playlist->modified);
+        stream << sqlstl::step<char, std::char_traits<char>>;
+    }
+    return stream;
+}
+
+PlaylistSaver::PlaylistSaver(const char* name_)
+    : ServerDB<Block<Playlist*>, Block<void>>(name_), written(false) {}
+
+boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
+    boost::shared_ptr<Block<Playlist*>> input) {
+    ZQLOG_INFO("PlaylistSaver for: %u (op: %d)", unsigned(input->items.size()),
+               input->operation.id);
+    Timer timer;
+    open(input->operation.deviceId);
+
+    sqlite3_exec(ostream.db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
+    ostream.query(kInsertPlaylist);
+    for (const Playlist* playlist : input->items) {
+        if (!playlist)
+            continue;
+        ostream << playlist;
+        // Runs the statement once more with the bindings it holds: the last
+        // entry again, or for an empty playlist the previous playlist's last.
+        ostream << sqlstl::step<char, std::char_traits<char>>;
+        written = true;
+    }
+    sqlite3_exec(ostream.db, "END TRANSACTION;", nullptr, nullptr, nullptr);
+    ostream.finalize();
+
+    ZQLOG_INFO("PlaylistSaver timer: %ld (op: %d)", timer.stop(), input->operation.id);
+    ostream.close();
+    istream.close();
+
+    boost::shared_ptr<Block<void>> output(new Block<void>());
+    output->operation = input->operation;
+    return output;
+}
+
+}  // namespace kestrow
