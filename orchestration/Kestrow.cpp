@@ -3,6 +3,7 @@
 #include <exception>
 #include <vector>
 
+#include "orchestration/MSDPipeline.h"
 #include "orchestration/SongDirectoryPipeline.h"
 #include "platform/common/DatabaseMgr.h"
 

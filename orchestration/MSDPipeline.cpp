@@ -1,0 +1,59 @@
+#include "orchestration/MSDPipeline.h"
+
+#include "msd/ChangeFinder.h"
+#include "msd/DirectorySaver.h"
+#include "msd/MSDCrawler.h"
+#include "msd/MSDMiner.h"
+#include "msd/Normalizer.h"
+#include "msd/SongSaver.h"
+#include "playlist/MSDPlaylistMiner.h"
+#include "playlist/PlaylistSaver.h"
+
+namespace kestrow {
+
+MSDPipeline::MSDPipeline(Kestrow* owner_)
+    : SongDirectoryPipeline("MSDPipeline", owner_, MSD_OPERATION) {
+    crawlerStage = new MSDCrawler("MSDCrawler");
+    DirectorySaver* directorySaver = new DirectorySaver("DirectorySaver");
+    ChangeFinder* songFinder = new ChangeFinder(
+        "ChangeFinder-MSDSongs", "SELECT ID,LASTMODIFIED, PATH  FROM SONGS WHERE PATH LIKE ",
+        "DELETE FROM SONGS WHERE ID = ?;", false);
+    Normalizer* normalizer = new Normalizer("Normalizer");
+    MSDMiner* miner = new MSDMiner("MSDMiner");
+    SongSaver* songSaver = new SongSaver("SongSaver");
+    MSDPlaylistMiner* playlistMiner = new MSDPlaylistMiner("MSDPlaylistMiner");
+    ChangeFinder* playlistFinder = new ChangeFinder(
+        "ChangeFinder-MSDPlaylist",
+        "SELECT ID, LASTMODIFIED, PLAYPATH FROM VIEW_PLAYLISTNAMES WHERE PLAYPATH LIKE ",
+        "DELETE FROM PLAYLISTS WHERE PLAYID IN ( SELECT PLAYID FROM PLAYLISTS WHERE ID = ? );",
+        false);
+    PlaylistSaver* playlistSaver = new PlaylistSaver("PlaylistSaver");
+
+    crawlerStage->next = songFinder;
+    crawlerStage->setPlaylistSink(playlistFinder);
+    crawlerStage->setDirectorySink(directorySaver);
+    directorySaver->next = this;
+    songFinder->next = normalizer;
+    normalizer->next = miner;
+    miner->next = songSaver;
+    songSaver->next = this;
+    playlistFinder->next = playlistMiner;
+    playlistMiner->next = playlistSaver;
+    playlistSaver->next = this;
+
+    children.push_back(songFinder);
+    children.push_back(normalizer);
+    children.push_back(miner);
+    children.push_back(songSaver);
+    children.push_back(playlistFinder);
+    children.push_back(playlistMiner);
+    children.push_back(playlistSaver);
+    children.push_back(crawlerStage);
+    children.push_back(directorySaver);
+}
+
+BaseServer<Block<Directory*>>* MSDPipeline::crawler() {
+    return crawlerStage;
+}
+
+}  // namespace kestrow
