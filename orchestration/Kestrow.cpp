@@ -47,6 +47,9 @@ size_t Kestrow::registeredCount() {
 SongDirectoryPipeline* Kestrow::createPipeline(OperationType type) {
     if (factory)
         return factory(type, this);
+    if (type == MSD_OPERATION)
+        return new MSDPipeline(this);
+    // MTP devices are not indexed by this build.
     return nullptr;
 }
 

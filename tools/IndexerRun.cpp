@@ -123,6 +123,19 @@ void IndexerRun::poll() {
         finish(0);
         return;
     }
+    // Nothing registered and not all done: a request was refused (its reason
+    // is in the log). Checked on two polls in a row, so that an indexingFinished
+    // already on its way is printed first.
+    if (!allFinished_ && scheduler_->registeredCount() == 0) {
+        if (++idlePolls_ >= 2) {
+            clearProgress();
+            std::fprintf(stderr, "olvane-indexer: the indexer refused the request\n");
+            finish(1);
+            return;
+        }
+    } else {
+        idlePolls_ = 0;
+    }
     if (options_.progress && clock_.elapsed() - lastProgressMs_ >= 250)
         drawProgress();
 }

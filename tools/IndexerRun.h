@@ -50,6 +50,7 @@ private:
     bool allFinished_ = false;
     bool progressShown_ = false;
     int exitStatus_ = 1;
+    int idlePolls_ = 0;
     QElapsedTimer clock_;
     QTimer pollTimer_;
     qint64 lastProgressMs_ = -1000;
