@@ -1,0 +1,198 @@
+// Indexes real trees from end to end through the facade's slots, with the
+// scheduler, the mass-storage pipeline and all its stages.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "facade/KestrowQTProxy.h"
+#include "orchestration/Kestrow.h"
+#include "platform/common/DatabaseMgr.h"
+#include "platform/common/Md5.h"
+#include "platform/log/LogCapture.h"
+#include "tests/support/SignalLog.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Wait.h"
+
+using olvane::test::setMtime;
+using olvane::test::TempDir;
+using olvane::test::waitFor;
+
+namespace {
+
+// Rows of a table as text, ordered, for comparing whole tables.
+std::vector<std::string> dump(const std::string& dbFile, const std::string& sql) {
+    std::vector<std::string> rows;
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(dbFile.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+        sqlite3_close(db);
+        return rows;
+    }
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK) {
+        while (sqlite3_step(stmt) == SQLITE_ROW) {
+            std::string row;
+            for (int c = 0; c < sqlite3_column_count(stmt); ++c) {
+                const unsigned char* t = sqlite3_column_text(stmt, c);
+                row += (c ? "|" : "") + std::string(t ? reinterpret_cast<const char*>(t) : "NULL");
+            }
+            rows.push_back(row);
+        }
+    }
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return rows;
+}
+
+class EndToEndTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        DatabaseMgr::instance().setDatabaseDirectory(dbDir.path());
+        scheduler.launch();
+        scheduler.start();
+        KestrowQTProxy::instance().setScheduler(&scheduler);
+        root = tree.mkdir("usb");
+    }
+    void TearDown() override {
+        scheduler.stop();
+        scheduler.join();
+        KestrowQTProxy::instance().setScheduler(nullptr);
+    }
+
+    // One request through the facade; returns the signals it produced.
+    QStringList index() {
+        olvane::test::SignalLog sigs;
+        QMetaObject::invokeMethod(&KestrowQTProxy::instance(), "startIndexing",
+                                  Qt::QueuedConnection, Q_ARG(QString, "usb1"),
+                                  Q_ARG(QString, QString::fromStdString(root)), Q_ARG(bool, true));
+        EXPECT_TRUE(waitFor([&] { return !sigs.named("indexingFinished").isEmpty(); }, 60000));
+        EXPECT_TRUE(waitFor([&] { return scheduler.registeredCount() == 0; }));
+        QCoreApplication::processEvents();
+        return sigs.entries;
+    }
+
+    std::vector<std::string> rows(const std::string& sql) {
+        return dump(DatabaseMgr::instance().getDbNameFromDevId("usb1"), sql);
+    }
+    std::map<std::string, std::vector<std::string>> allTables() {
+        std::map<std::string, std::vector<std::string>> t;
+        for (const char* name :
+             {"SONGS", "ARTISTS", "ALBUMS", "GENRES", "COMPOSERS", "PLAYLISTS", "DIRECTORIES"})
+            t[name] = rows(std::string("SELECT * FROM ") + name + " ORDER BY 1, 2, 3;");
+        return t;
+    }
+
+    // Songs in several formats and folders, broken files, odd names, a
+    // playlist with relative entries, and things that are never indexed.
+    void makeTree() {
+        tree.copySample("gears-iron-road.mp3", "usb/Gears/Steam/iron.mp3");
+        tree.copySample("gears-copper-sky.mp3", "usb/Gears/Steam/copper.mp3");
+        tree.copySample("gears-old-times.mp3", "usb/Gears/Vinyl/old.mp3");
+        tree.copySample("ferro-blue-hour.m4a", "usb/Jazz/Late Sessions/blue hour.m4a");
+        tree.copySample("ferro-cafe-noir.flac", "usb/Jazz/Late Sessions/café noir.flac");
+        tree.copySample("moreno-summer-tape.wav", "usb/Pop/only/sub/summer tape.wav");
+        tree.copySample("moreno-rain-check.wma", "usb/Pop/rain check.wma");
+        tree.copySample("motorhead-style.mp3", kOddSong);
+        tree.copySample("cp1251-id3v1.mp3", "usb/Кино/группа.mp3");
+        tree.copySample("truncated.flac", "usb/broken/truncated.flac");
+        tree.copySample("random-bytes.m4a", "usb/broken/random.m4a");
+        tree.copySample("gears-iron-road.mp3", "usb/.hidden.mp3");
+        tree.write("usb/notes.txt", "not music");
+        tree.mkdir("usb/empty");
+        tree.mkdir("usb/.TRASH/x");
+        tree.copySample("gears-iron-road.mp3", "usb/.TRASH/x/deleted.mp3");
+        tree.write("usb/list.m3u", "Gears/Steam/iron.mp3\n" + std::string(kOddSong).substr(4) +
+                                       "\nКино/группа.mp3\n");
+    }
+
+    static constexpr const char* kOddSong = "usb/Odd/100% _x_ [a] 'q'/Ace \"of\" Spadës.mp3";
+
+    TempDir dbDir;
+    TempDir tree;
+    std::string root;
+    kestrow::Kestrow scheduler;
+};
+
+TEST_F(EndToEndTest, IndexesATreeThenOnlyWhatChanged) {
+    makeTree();
+    const QString mp = QString::fromStdString(root);
+
+    // First run: everything is new.
+    QStringList first = index();
+    EXPECT_EQ(first.count("crawlingFinished " + mp), 1);
+    EXPECT_GE(first.count("contentModified " + mp), 1);
+    EXPECT_EQ(first.filter("databaseExists").size(), 0);
+    EXPECT_EQ(first.last(), "indexingFinished " + mp);
+    EXPECT_EQ(DatabaseMgr::instance().getStatus("usb1", root), "OK");
+
+    EXPECT_EQ(rows("SELECT NAME FROM SONGS ORDER BY NAME;"),
+              (std::vector<std::string>{"Ace \"of\" Spadës.mp3", "blue hour.m4a", "café noir.flac",
+                                        "copper.mp3", "iron.mp3", "old.mp3", "rain check.wma",
+                                        "random.m4a", "summer tape.wav", "truncated.flac",
+                                        "группа.mp3"}));
+    EXPECT_EQ(rows("SELECT TITLE, TRACKIND, DISCNUM FROM SONGS WHERE NAME = 'truncated.flac';"),
+              std::vector<std::string>{"|1|1"});
+    EXPECT_EQ(rows("SELECT a.ARTIST FROM SONGS s JOIN ARTISTS a USING (ARTISTID) "
+                   "WHERE s.NAME = 'группа.mp3';"),
+              std::vector<std::string>{"Кино"});
+    EXPECT_EQ(rows("SELECT ARTIST FROM ARTISTS ORDER BY ARTIST;"),
+              (std::vector<std::string>{"", "Lia Moreno", "Motörhead", "Nina Ferro Quartet",
+                                        "The Rusty Gears", "Кино"}));
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM ALBUMS;"), std::vector<std::string>{"7"});
+    EXPECT_EQ(rows("SELECT GENRE FROM GENRES ORDER BY GENRE;"),
+              (std::vector<std::string>{"", "Country", "Jazz", "Metal", "Pop", "Rock"}));
+    EXPECT_EQ(rows("SELECT COMPOSER FROM COMPOSERS ORDER BY COMPOSER;"),
+              (std::vector<std::string>{"", "Lemmy", "Lia Moreno", "Nina Ferro", "Tom Hale"}));
+    // Every song's folder is stored with all its ancestors, and nothing else.
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM DIRECTORIES;"), std::vector<std::string>{"13"});
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM SONGS WHERE DIRECTORYID NOT IN "
+                   "(SELECT OBJECTID FROM DIRECTORIES);"),
+              std::vector<std::string>{"0"});
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM DIRECTORIES WHERE PARENT_ID <> '' AND PARENT_ID NOT IN "
+                   "(SELECT OBJECTID FROM DIRECTORIES);"),
+              std::vector<std::string>{"0"});
+    // Three entries and the saver's repeated last row, each naming its song.
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKID IN (SELECT OBJECTID FROM SONGS);"),
+              std::vector<std::string>{"4"});
+
+    // Second run of an unchanged tree: nothing is written, nothing is modified.
+    const auto before = allTables();
+    QStringList second = index();
+    EXPECT_EQ(second, QStringList({"databaseExists usb1 " + mp, "crawlingFinished " + mp,
+                                   "indexingFinished " + mp}));
+    EXPECT_EQ(allTables(), before);
+
+    // A touched file is read again, alone.
+    {
+        olvane::LogCapture cap;
+        setMtime(tree.file("usb/Gears/Steam/copper.mp3"), 1000000000);
+        QStringList third = index();
+        EXPECT_GE(third.count("contentModified " + mp), 1);
+        EXPECT_EQ(cap.countContaining("ChangeFinder-MSDSongs: Data to be added to db size: 1 "), 1);
+        EXPECT_EQ(cap.countContaining("MSDMiner for: 1 "), 1);
+    }
+    auto after = allTables();
+    EXPECT_EQ(after["ARTISTS"], before.at("ARTISTS"));
+    EXPECT_EQ(after["PLAYLISTS"], before.at("PLAYLISTS"));
+    EXPECT_EQ(rows("SELECT LASTMODIFIED FROM SONGS WHERE NAME = 'copper.mp3';"),
+              std::vector<std::string>{"1000000000"});
+
+    // A deleted song takes its artist and its playlist entries with it.
+    ASSERT_EQ(::unlink(tree.file(kOddSong).c_str()), 0);
+    index();
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM SONGS;"), std::vector<std::string>{"10"});
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM ARTISTS WHERE ARTIST = 'Motörhead';"),
+              std::vector<std::string>{"0"});
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM GENRES WHERE GENRE = 'Metal';"),
+              std::vector<std::string>{"0"});
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM PLAYLISTS;"), std::vector<std::string>{"3"});
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKPATH LIKE '%Spad%';"),
+              std::vector<std::string>{"0"});
+    EXPECT_EQ(rows("SELECT COUNT(*) FROM DIRECTORIES;"), std::vector<std::string>{"11"});
+    EXPECT_EQ(DatabaseMgr::instance().getStatus("usb1", root), "OK");
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+// Runs the olvane-indexer program as a person would and reads what it prints.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStringList>
+
+#include "platform/common/DatabaseMgr.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Wait.h"
+
+using olvane::test::TempDir;
+
+namespace {
+
+struct Result {
+    int exitCode = -1;
+    QStringList lines;  // stdout
+    QString err;
+};
+
+class OlvaneIndexerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (int i = 0; i < 3; ++i)
+            tree.copySample("gears-iron-road.mp3", "usb/a/" + std::to_string(i) + ".mp3");
+        tree.copySample("ferro-blue-hour.m4a", "usb/b/blue.m4a");
+        tree.write("usb/list.m3u", "a/0.mp3\nb/blue.m4a\n");
+        root = tree.file("usb");
+    }
+
+    Result run(const QStringList& args) {
+        QProcess p;
+        p.setProgram(OLVANE_INDEXER);
+        p.setArguments(args);
+        p.start();
+        EXPECT_TRUE(p.waitForFinished(120000));
+        Result r;
+        r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+        r.lines = QString::fromUtf8(p.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+        r.err = QString::fromUtf8(p.readAllStandardError());
+        return r;
+    }
+    QStringList withDb(QStringList args) { return QStringList{"--db-dir", dbDir()} + args; }
+    QString dbDir() { return QString::fromStdString(tree.file("db")); }
+
+    TempDir tree;
+    std::string root;
+};
+
+TEST_F(OlvaneIndexerTest, PrintsEachSignalPlainAndAsJson) {
+    const QString mp = QString::fromStdString(root);
+    Result first = run(withDb({"--device-id", "stick", "--no-progress", mp}));
+    ASSERT_EQ(first.exitCode, 0) << first.err.toStdString();
+    ASSERT_GE(first.lines.size(), 3);
+    EXPECT_EQ(first.lines.first(), "crawlingFinished " + mp);
+    EXPECT_TRUE(first.lines.contains("contentModified " + mp));
+    EXPECT_EQ(first.lines.last(), "indexingFinished " + mp);
+    EXPECT_TRUE(first.err.isEmpty()) << first.err.toStdString();
+
+    Result second = run(withDb({"--device-id", "stick", "--json", mp}));
+    ASSERT_EQ(second.exitCode, 0);
+    ASSERT_EQ(second.lines.size(), 3);
+    QStringList names;
+    qint64 lastMs = -1;
+    for (const QString& line : second.lines) {
+        QJsonParseError error;
+        QJsonObject o = QJsonDocument::fromJson(line.toUtf8(), &error).object();
+        ASSERT_EQ(error.error, QJsonParseError::NoError) << line.toStdString();
+        EXPECT_TRUE(line.startsWith("{\"signal\":")) << line.toStdString();
+        names << o["signal"].toString();
+        EXPECT_GE(o["ms"].toInteger(), lastMs);
+        lastMs = o["ms"].toInteger();
+        if (names.last() == "databaseExists")
+            EXPECT_EQ(o["args"].toArray(), QJsonArray({"stick", mp}));
+        else
+            EXPECT_EQ(o["args"].toArray(), QJsonArray({mp}));
+    }
+    EXPECT_EQ(names, QStringList({"databaseExists", "crawlingFinished", "indexingFinished"}));
+}
+
+TEST_F(OlvaneIndexerTest, ShowSummarisesTheDatabaseUnderTheDerivedId) {
+    ASSERT_EQ(run(withDb({QString::fromStdString(root)})).exitCode, 0);
+    // Without --device-id the id comes from the mount point: its name and a digest.
+    Result help = run({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    QDir dir(dbDir());
+    QStringList dbs = dir.entryList({"usb-*.db"});
+    ASSERT_EQ(dbs.size(), 1);
+    const QString id = dbs[0].chopped(3);
+    EXPECT_EQ(id.size(), 12);
+
+    Result plain = run(QStringList{"show"} + withDb({id}));
+    ASSERT_EQ(plain.exitCode, 0) << plain.err.toStdString();
+    EXPECT_TRUE(plain.lines.contains("songs 4"));
+    EXPECT_TRUE(plain.lines.contains("artists 2"));
+    EXPECT_TRUE(plain.lines.contains("playlists 1"));
+    EXPECT_TRUE(plain.lines.contains("directories 3"));
+    EXPECT_TRUE(plain.lines.contains("status " + QString::fromStdString(root) + " OK"));
+
+    Result json = run(QStringList{"show"} + withDb({"--json", id}));
+    ASSERT_EQ(json.exitCode, 0);
+    ASSERT_EQ(json.lines.size(), 1);
+    QJsonObject o = QJsonDocument::fromJson(json.lines[0].toUtf8()).object();
+    EXPECT_EQ(o["songs"].toInt(), 4);
+    EXPECT_EQ(o["albums"].toInt(), 2);
+    EXPECT_EQ(o["genres"].toInt(), 2);
+    EXPECT_EQ(o["composers"].toInt(), 2);
+    EXPECT_EQ(o["status"].toObject()[QString::fromStdString(root)].toString(), "OK");
+}
+
+TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
+    Result notDir = run(withDb({QString::fromStdString(tree.file("usb/list.m3u"))}));
+    EXPECT_EQ(notDir.exitCode, 2);
+    EXPECT_TRUE(notDir.err.contains("is not a directory"));
+    EXPECT_TRUE(notDir.lines.isEmpty());
+    EXPECT_FALSE(QDir(dbDir()).exists());  // nothing was requested
+
+    EXPECT_EQ(run(withDb({"--bogus", QString::fromStdString(root)})).exitCode, 2);
+    EXPECT_EQ(run(withDb({"--log", "loud", QString::fromStdString(root)})).exitCode, 2);
+    EXPECT_EQ(run(withDb({})).exitCode, 2);
+    Result missing = run(QStringList{"show"} + withDb({"nosuchdevice"}));
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_TRUE(missing.err.contains("no database for device nosuchdevice"));
+}
+
+TEST_F(OlvaneIndexerTest, LogLevelMirrorsTheLibraryLinesToStderr) {
+    Result r = run(withDb({"--log", "info", "--device-id", "s", QString::fromStdString(root)}));
+    ASSERT_EQ(r.exitCode, 0);
+    EXPECT_TRUE(r.err.contains("INFO SongSaver::doOperation: SongSaver for: 4"))
+        << r.err.left(2000).toStdString();
+    EXPECT_FALSE(r.err.contains("DEBUG "));
+}
+
+TEST_F(OlvaneIndexerTest, CtrlCStopsCleanlyAndKeepsWhatWasCommitted) {
+    // Enough songs that the miner is still busy when the interrupt comes.
+    for (int i = 0; i < 3000; ++i)
+        tree.copySample("gears-copper-sky.mp3", "usb/many/" + std::to_string(i) + ".mp3");
+    QProcess p;
+    p.setProgram(OLVANE_INDEXER);
+    p.setArguments(withDb({"--device-id", "big", QString::fromStdString(root)}));
+    p.start();
+    QByteArray out;
+    ASSERT_TRUE(olvane::test::waitFor(
+        [&] {
+            p.waitForReadyRead(10);
+            out += p.readAllStandardOutput();
+            return out.contains("contentModified") || p.state() == QProcess::NotRunning;
+        },
+        60000));
+    ASSERT_EQ(p.state(), QProcess::Running) << "indexing ended before the interrupt";
+    ::kill(pid_t(p.processId()), SIGINT);
+    ASSERT_TRUE(p.waitForFinished(60000));
+    out += p.readAllStandardOutput();
+    EXPECT_EQ(p.exitCode(), 130);
+    EXPECT_FALSE(out.contains("indexingFinished"));
+
+    DatabaseMgr::instance().setDatabaseDirectory(dbDir().toStdString());
+    EXPECT_EQ(DatabaseMgr::instance().getStatus("big", root), "PROGRESS");
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open_v2(DatabaseMgr::instance().getDbNameFromDevId("big").c_str(), &db,
+                              SQLITE_OPEN_READONLY, nullptr),
+              SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, "PRAGMA integrity_check;", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+
+    // The next run goes on from there and completes.
+    Result again =
+        run(withDb({"--device-id", "big", "--no-progress", QString::fromStdString(root)}));
+    EXPECT_EQ(again.exitCode, 0);
+    EXPECT_EQ(DatabaseMgr::instance().getStatus("big", root), "OK");
+}
+
+}  // namespace
