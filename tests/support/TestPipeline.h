@@ -4,6 +4,7 @@
 // it for the device, then sends the pipeline the three completion blocks
 // that the savers of a real pipeline would send.
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -19,7 +20,7 @@
 namespace olvane {
 namespace test {
 
-// Which devices may finish. Opening is sticky; close() shuts everything again.
+// Which devices may finish; opening is sticky.
 class Gate {
 public:
     void open(const std::string& deviceId) {
@@ -70,7 +71,7 @@ public:
     }
 
     bool deviceGone = false;
-    volatile bool started = false;  // set on the stage thread when a root block arrives
+    std::atomic<bool> started{false};  // set on the stage thread when a root block arrives
 
 private:
     kestrow::BaseServer<kestrow::Block<void>>* pipeline_;

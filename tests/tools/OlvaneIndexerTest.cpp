@@ -58,7 +58,8 @@ TEST_F(OlvaneIndexerTest, PrintsEachSignalPlainAndAsJson) {
     Result first = run(withDb({"--device-id", "stick", "--no-progress", mp}));
     ASSERT_EQ(first.exitCode, 0) << first.err.toStdString();
     ASSERT_GE(first.lines.size(), 3);
-    EXPECT_EQ(first.lines.first(), "crawlingFinished " + mp);
+    // The playlist branch may report a change before the crawl has finished.
+    EXPECT_EQ(first.lines.count("crawlingFinished " + mp), 1);
     EXPECT_TRUE(first.lines.contains("contentModified " + mp));
     EXPECT_EQ(first.lines.last(), "indexingFinished " + mp);
     EXPECT_TRUE(first.err.isEmpty()) << first.err.toStdString();
@@ -85,10 +86,11 @@ TEST_F(OlvaneIndexerTest, PrintsEachSignalPlainAndAsJson) {
 }
 
 TEST_F(OlvaneIndexerTest, ShowSummarisesTheDatabaseUnderTheDerivedId) {
-    ASSERT_EQ(run(withDb({QString::fromStdString(root)})).exitCode, 0);
+    Result r = run(withDb({"--log", "info", QString::fromStdString(root)}));
+    ASSERT_EQ(r.exitCode, 0);
+    EXPECT_TRUE(r.err.contains("INFO SongSaver::doOperation: SongSaver for: 4"));
+    EXPECT_FALSE(r.err.contains("DEBUG "));
     // Without --device-id the id comes from the mount point: its name and a digest.
-    Result help = run({"--help"});
-    EXPECT_EQ(help.exitCode, 0);
     QDir dir(dbDir());
     QStringList dbs = dir.entryList({"usb-*.db"});
     ASSERT_EQ(dbs.size(), 1);
@@ -127,14 +129,6 @@ TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
     Result missing = run(QStringList{"show"} + withDb({"nosuchdevice"}));
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_TRUE(missing.err.contains("no database for device nosuchdevice"));
-}
-
-TEST_F(OlvaneIndexerTest, LogLevelMirrorsTheLibraryLinesToStderr) {
-    Result r = run(withDb({"--log", "info", "--device-id", "s", QString::fromStdString(root)}));
-    ASSERT_EQ(r.exitCode, 0);
-    EXPECT_TRUE(r.err.contains("INFO SongSaver::doOperation: SongSaver for: 4"))
-        << r.err.left(2000).toStdString();
-    EXPECT_FALSE(r.err.contains("DEBUG "));
 }
 
 TEST_F(OlvaneIndexerTest, CtrlCStopsCleanlyAndKeepsWhatWasCommitted) {
