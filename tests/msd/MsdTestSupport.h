@@ -4,45 +4,46 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
-#include <mutex>
+#include <QSignalSpy>
+
 #include <set>
-#include <string>
-#include <vector>
 
+#include "facade/KestrowQTProxy.h"
 #include "msd/MSDCrawler.h"
 #include "platform/common/DatabaseMgr.h"
+#include "platform/log/LogCapture.h"
+#include "tests/support/TempDir.h"
 
-namespace olvane {
-namespace test {
+namespace olvane::test {
 
-// Keeps every block enqueued into it, in order; any thread may fill it.
-template <class T>
-class StageCollector : public kestrow::BaseServer<T> {
-public:
-    StageCollector() : kestrow::BaseServer<T>("StageCollector") {}
-    void enqueue(boost::shared_ptr<T> block) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        blocks_.push_back(block);
-    }
-    void runLoop() override {}
-    std::vector<boost::shared_ptr<T>> blocks() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return blocks_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<boost::shared_ptr<T>> blocks_;
-};
-
+using kestrow::FileInfo;
+using Strings = std::vector<std::string>;
+using Paths = std::set<std::string>;
 typedef boost::shared_ptr<kestrow::Block<kestrow::FileInfo*>> FileBlock;
 typedef boost::shared_ptr<kestrow::Block<kestrow::Directory*>> DirectoryBlock;
 
+// Keeps every block enqueued into it, in order; the test's thread only.
+template <class T>
+struct StageCollector : kestrow::BaseServer<T> {
+    StageCollector() : kestrow::BaseServer<T>("StageCollector") {}
+    void enqueue(boost::shared_ptr<T> block) override { blocks.push_back(block); }
+    void runLoop() override {}
+    std::vector<boost::shared_ptr<T>> blocks;
+};
+
+// Every test gets a database directory of its own.
+class DbTest : public ::testing::Test {
+protected:
+    void SetUp() override { DatabaseMgr::instance().setDatabaseDirectory(dbDir.path()); }
+    TempDir dbDir;
+};
+
 // The block the pipeline seeds the crawler with: the mount point alone.
-inline DirectoryBlock rootBlock(const std::string& mountPoint, bool lastBlock = true) {
+inline DirectoryBlock rootBlock(const std::string& mountPoint) {
     DirectoryBlock block(new kestrow::Block<kestrow::Directory*>());
-    block->operation = kestrow::Operation(7, 0, "dev1", mountPoint, lastBlock);
+    block->operation = kestrow::Operation(7, 0, "dev1", mountPoint, true);
     block->items.push_back(new kestrow::Directory(mountPoint, mountPoint, -1));
     return block;
 }
@@ -59,44 +60,35 @@ inline CrawlResult crawl(DirectoryBlock root) {
     crawler.setPlaylistSink(&playlists);
     crawler.setDirectorySink(&directories);
     crawler.start();
-    CrawlResult result{crawler.doOperation(root), nullptr, nullptr};
-    EXPECT_EQ(1u, playlists.blocks().size());
-    EXPECT_EQ(1u, directories.blocks().size());
-    result.playlists = playlists.blocks().at(0);
-    result.directories = directories.blocks().at(0);
-    return result;
+    FileBlock songs = crawler.doOperation(root);
+    return CrawlResult{songs, playlists.blocks.at(0), directories.blocks.at(0)};
 }
 inline CrawlResult crawl(const std::string& mountPoint) {
     return crawl(rootBlock(mountPoint));
 }
 
-inline const std::string& pathOf(const kestrow::FileInfo* f) {
-    return *f->path;
-}
-inline const std::string& pathOf(const kestrow::Directory* d) {
-    return d->path;
-}
-
 // Paths of the records, relative to `base` when below it.
 template <class Items>
-std::set<std::string> relativePaths(const Items& items, const std::string& base) {
-    std::set<std::string> paths;
+Paths relativePaths(const Items& items, const std::string& base) {
+    Paths paths;
     for (const auto* item : items) {
-        const std::string& path = pathOf(item);
-        paths.insert(path.compare(0, base.size() + 1, base + "/") == 0
-                         ? path.substr(base.size() + 1)
-                         : path);
+        std::string path;
+        if constexpr (std::is_pointer<decltype(item->path)>::value)
+            path = *item->path;
+        else
+            path = item->path;
+        paths.insert(path.rfind(base + "/", 0) == 0 ? path.substr(base.size() + 1) : path);
     }
     return paths;
 }
 
 // First column of every row of `sql` on dev1's database.
-inline std::vector<std::string> column(const std::string& sql) {
-    std::vector<std::string> values;
+inline Strings column(const std::string& sql) {
+    Strings values;
     sqlite3* db = nullptr;
     sqlite3_open(DatabaseMgr::instance().getDbNameFromDevId("dev1").c_str(), &db);
     auto collect = [](void* out, int, char** v, char**) {
-        static_cast<std::vector<std::string>*>(out)->push_back(v[0] ? v[0] : "<null>");
+        static_cast<Strings*>(out)->push_back(v[0] ? v[0] : "<null>");
         return 0;
     };
     EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), collect, &values, nullptr)) << sql;
@@ -104,5 +96,4 @@ inline std::vector<std::string> column(const std::string& sql) {
     return values;
 }
 
-}  // namespace test
-}  // namespace olvane
+}  // namespace olvane::test
