@@ -74,6 +74,10 @@ protected:
         return sigs.entries;
     }
 
+    std::string one(const std::string& sql) {
+        auto r = rows(sql);
+        return r.empty() ? "<none>" : r[0];
+    }
     std::vector<std::string> rows(const std::string& sql) {
         return dump(DatabaseMgr::instance().getDbNameFromDevId("usb1"), sql);
     }
@@ -133,30 +137,30 @@ TEST_F(EndToEndTest, IndexesATreeThenOnlyWhatChanged) {
                                         "copper.mp3", "iron.mp3", "old.mp3", "rain check.wma",
                                         "random.m4a", "summer tape.wav", "truncated.flac",
                                         "группа.mp3"}));
-    EXPECT_EQ(rows("SELECT TITLE, TRACKIND, DISCNUM FROM SONGS WHERE NAME = 'truncated.flac';"),
-              std::vector<std::string>{"|1|1"});
-    EXPECT_EQ(rows("SELECT a.ARTIST FROM SONGS s JOIN ARTISTS a USING (ARTISTID) "
-                   "WHERE s.NAME = 'группа.mp3';"),
-              std::vector<std::string>{"Кино"});
+    EXPECT_EQ(one("SELECT TITLE, TRACKIND, DISCNUM FROM SONGS WHERE NAME = 'truncated.flac';"),
+              "|1|1");
+    EXPECT_EQ(one("SELECT a.ARTIST FROM SONGS s JOIN ARTISTS a USING (ARTISTID) "
+                  "WHERE s.NAME = 'группа.mp3';"),
+              "Кино");
     EXPECT_EQ(rows("SELECT ARTIST FROM ARTISTS ORDER BY ARTIST;"),
               (std::vector<std::string>{"", "Lia Moreno", "Motörhead", "Nina Ferro Quartet",
                                         "The Rusty Gears", "Кино"}));
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM ALBUMS;"), std::vector<std::string>{"7"});
+    EXPECT_EQ(one("SELECT COUNT(*) FROM ALBUMS;"), "7");
     EXPECT_EQ(rows("SELECT GENRE FROM GENRES ORDER BY GENRE;"),
               (std::vector<std::string>{"", "Country", "Jazz", "Metal", "Pop", "Rock"}));
     EXPECT_EQ(rows("SELECT COMPOSER FROM COMPOSERS ORDER BY COMPOSER;"),
               (std::vector<std::string>{"", "Lemmy", "Lia Moreno", "Nina Ferro", "Tom Hale"}));
     // Every song's folder is stored with all its ancestors, and nothing else.
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM DIRECTORIES;"), std::vector<std::string>{"13"});
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM SONGS WHERE DIRECTORYID NOT IN "
-                   "(SELECT OBJECTID FROM DIRECTORIES);"),
-              std::vector<std::string>{"0"});
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM DIRECTORIES WHERE PARENT_ID <> '' AND PARENT_ID NOT IN "
-                   "(SELECT OBJECTID FROM DIRECTORIES);"),
-              std::vector<std::string>{"0"});
+    EXPECT_EQ(one("SELECT COUNT(*) FROM DIRECTORIES;"), "13");
+    EXPECT_EQ(one("SELECT COUNT(*) FROM SONGS WHERE DIRECTORYID NOT IN "
+                  "(SELECT OBJECTID FROM DIRECTORIES);"),
+              "0");
+    EXPECT_EQ(one("SELECT COUNT(*) FROM DIRECTORIES WHERE PARENT_ID <> '' AND PARENT_ID NOT IN "
+                  "(SELECT OBJECTID FROM DIRECTORIES);"),
+              "0");
     // Three entries and the saver's repeated last row, each naming its song.
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKID IN (SELECT OBJECTID FROM SONGS);"),
-              std::vector<std::string>{"4"});
+    EXPECT_EQ(one("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKID IN (SELECT OBJECTID FROM SONGS);"),
+              "4");
 
     // Second run of an unchanged tree: nothing is written, nothing is modified.
     const auto before = allTables();
@@ -177,21 +181,17 @@ TEST_F(EndToEndTest, IndexesATreeThenOnlyWhatChanged) {
     auto after = allTables();
     EXPECT_EQ(after["ARTISTS"], before.at("ARTISTS"));
     EXPECT_EQ(after["PLAYLISTS"], before.at("PLAYLISTS"));
-    EXPECT_EQ(rows("SELECT LASTMODIFIED FROM SONGS WHERE NAME = 'copper.mp3';"),
-              std::vector<std::string>{"1000000000"});
+    EXPECT_EQ(one("SELECT LASTMODIFIED FROM SONGS WHERE NAME = 'copper.mp3';"), "1000000000");
 
     // A deleted song takes its artist and its playlist entries with it.
     ASSERT_EQ(::unlink(tree.file(kOddSong).c_str()), 0);
     index();
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM SONGS;"), std::vector<std::string>{"10"});
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM ARTISTS WHERE ARTIST = 'Motörhead';"),
-              std::vector<std::string>{"0"});
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM GENRES WHERE GENRE = 'Metal';"),
-              std::vector<std::string>{"0"});
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM PLAYLISTS;"), std::vector<std::string>{"3"});
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKPATH LIKE '%Spad%';"),
-              std::vector<std::string>{"0"});
-    EXPECT_EQ(rows("SELECT COUNT(*) FROM DIRECTORIES;"), std::vector<std::string>{"11"});
+    EXPECT_EQ(one("SELECT COUNT(*) FROM SONGS;"), "10");
+    EXPECT_EQ(one("SELECT COUNT(*) FROM ARTISTS WHERE ARTIST = 'Motörhead';"), "0");
+    EXPECT_EQ(one("SELECT COUNT(*) FROM GENRES WHERE GENRE = 'Metal';"), "0");
+    EXPECT_EQ(one("SELECT COUNT(*) FROM PLAYLISTS;"), "3");
+    EXPECT_EQ(one("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKPATH LIKE '%Spad%';"), "0");
+    EXPECT_EQ(one("SELECT COUNT(*) FROM DIRECTORIES;"), "11");
     EXPECT_EQ(DatabaseMgr::instance().getStatus("usb1", root), "OK");
 }
 
