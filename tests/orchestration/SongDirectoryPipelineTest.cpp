@@ -60,26 +60,4 @@ TEST_F(SongDirectoryPipelineTest, FinishesOnlyOnThreeCompletionBlocksOfItsOwnOpe
     p.join();
 }
 
-TEST_F(SongDirectoryPipelineTest, ACompleteRunRecordsOkAndTheNextRequestAnnouncesTheDatabase) {
-    olvane::test::SignalLog sigs;
-    for (int id = 1; id <= 2; ++id) {
-        olvane::test::TestPipeline p(&owner, MSD_OPERATION, &gate);
-        p.launch();
-        p.start();
-        KestrowOperation op(0, "dev", "/media/usb", id);
-        p.enqueueNewOperation(op, true);
-        for (int i = 0; i < 3; ++i)
-            p.enqueue(last(id));
-        ASSERT_TRUE(waitFor([&] { return owner.queued() == id; }));
-        p.stop();
-        p.join();
-    }
-    EXPECT_EQ(DatabaseMgr::instance().getStatus("dev", "/media/usb"), "OK");
-    ASSERT_TRUE(waitFor([&] { return sigs.named("indexingFinished").size() == 2; }));
-    // databaseExists only for the second request, before its end.
-    EXPECT_EQ(sigs.entries,
-              QStringList({"indexingFinished /media/usb", "databaseExists dev /media/usb",
-                           "indexingFinished /media/usb"}));
-}
-
 }  // namespace
