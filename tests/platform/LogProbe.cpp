@@ -9,12 +9,9 @@
 #include "platform/log/ZQLog.h"
 
 int main(int argc, char** argv) {
-    if (argc < 2)
-        return 2;
-    const char* tag = argv[1];
+    const char* tag = argc > 1 ? argv[1] : "t";
     const int extra = argc > 2 ? std::atoi(argv[2]) : 0;
-    if (argc > 3 && std::strcmp(argv[3], "pretty") == 0)
-        zqPrettyFunction = 1;
+    zqPrettyFunction = argc > 3 && std::strcmp(argv[3], "pretty") == 0;
     ZQLOG_ERROR("%s error line", tag);
     ZQLOG_WARN("%s warning line", tag);
     ZQLOG_INFO("%s info line", tag);

@@ -1,43 +1,51 @@
 #pragma once
 
-#include <sys/types.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
+#include <QProcess>
 #include <string>
 #include <vector>
 
-namespace olvane {
-namespace test {
+namespace olvane::test {
 
-// A program run by a test, with its standard output and error in files.
-// The child dies with the test (SIGKILL when the test's thread ends) and the
-// destructor terminates and reaps it if it still runs, so no test leaves a
-// process behind.
-class ChildProcess {
+// A program run by a test; read its output with readAllStandardOutput() and
+// readAllStandardError(). It gets SIGKILL when the test's thread ends, and the
+// destructor ends and reaps it if it still runs: no test leaves a process behind.
+class ChildProcess : public QProcess {
 public:
     // `argv[0]` is the program's path. `env` entries "NAME=value" set or
     // replace a variable of the test's environment; "NAME" removes it.
-    ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                 const std::string& stdoutPath, const std::string& stderrPath);
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    // Waits at most `timeoutMs` for the child to end; returns whether it has.
-    bool waitExit(int timeoutMs);
-    bool running();
-    // SIGTERM, then SIGKILL if it has not ended after a second; reaps it.
-    void terminate();
-    // The raw wait status; meaningful once the child has ended.
-    int status() const { return status_; }
-    bool exitedWith(int code) const;
-
-private:
-    pid_t pid_ = -1;
-    int status_ = 0;
+    explicit ChildProcess(const std::vector<std::string>& argv,
+                          const std::vector<std::string>& env = {}) {
+        QProcessEnvironment vars = QProcessEnvironment::systemEnvironment();
+        for (const std::string& e : env) {
+            const QString entry = QString::fromStdString(e);
+            vars.remove(entry.section('=', 0, 0));
+            if (entry.contains('='))
+                vars.insert(entry.section('=', 0, 0), entry.section('=', 1));
+        }
+        setProcessEnvironment(vars);
+        const pid_t parent = ::getpid();
+        setChildProcessModifier([parent] {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (::getppid() != parent)
+                ::_exit(127);
+        });
+        QStringList args;
+        for (size_t i = 1; i < argv.size(); ++i)
+            args << QString::fromStdString(argv[i]);
+        start(QString::fromStdString(argv.at(0)), args);
+        waitForStarted();
+    }
+    ~ChildProcess() override {
+        terminate();
+        if (!waitForFinished(2000)) {
+            kill();
+            waitForFinished();
+        }
+    }
 };
 
-// The whole content of a file ("" if it cannot be read).
-std::string readFile(const std::string& path);
-
-}  // namespace test
-}  // namespace olvane
+}  // namespace olvane::test
