@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -20,61 +19,52 @@
 namespace olvane {
 namespace test {
 
-// Which devices may finish; opening is sticky.
-class Gate {
-public:
-    void open(const std::string& deviceId) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        open_.insert(deviceId);
-        cond_.notify_all();
-    }
-    // Waits until `deviceId` is open or `aborted()` returns true.
-    void wait(const std::string& deviceId, const std::function<bool()>& aborted) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        cond_.wait(lock, [&] { return open_.count(deviceId) > 0 || aborted(); });
-    }
-    void wakeAll() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        cond_.notify_all();
-    }
+using kestrow::Block;
 
-private:
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    std::set<std::string> open_;  // guarded by mutex_
+// Which devices may finish; opening is sticky. Waiters also wake on notify().
+struct Gate {
+    void open(const std::string& deviceId) {
+        std::lock_guard<std::mutex> lock(mutex);
+        opened.insert(deviceId);
+        cond.notify_all();
+    }
+    void notify() {
+        std::lock_guard<std::mutex> lock(mutex);
+        cond.notify_all();
+    }
+    std::mutex mutex;
+    std::condition_variable cond;
+    std::set<std::string> opened;  // guarded by mutex
 };
 
-class GatedCrawler
-    : public kestrow::Server<kestrow::Block<kestrow::Directory*>, kestrow::Block<void>> {
+class GatedCrawler : public kestrow::Server<Block<kestrow::Directory*>, Block<void>> {
 public:
-    GatedCrawler(kestrow::BaseServer<kestrow::Block<void>>* pipeline, Gate* gate)
+    GatedCrawler(kestrow::BaseServer<Block<void>>* pipeline, Gate* gate)
         : Server("GatedCrawler"), pipeline_(pipeline), gate_(gate) {}
 
-    boost::shared_ptr<kestrow::Block<void>> doOperation(
-        boost::shared_ptr<kestrow::Block<kestrow::Directory*>> in) override {
+    boost::shared_ptr<Block<void>> doOperation(
+        boost::shared_ptr<Block<kestrow::Directory*>> in) override {
         started = true;
-        gate_->wait(in->operation.deviceId, [this] { return state == 1; });
-        if (state == 1)
-            return boost::shared_ptr<kestrow::Block<void>>();
-        for (int i = 0; i < kestrow::SongDirectoryPipeline::kTerminalStages; ++i) {
-            boost::shared_ptr<kestrow::Block<void>> done(new kestrow::Block<void>());
+        std::unique_lock<std::mutex> lock(gate_->mutex);
+        gate_->cond.wait(lock,
+                         [&] { return gate_->opened.count(in->operation.deviceId) || state == 1; });
+        for (int i = 0; state != 1 && i < kestrow::SongDirectoryPipeline::kTerminalStages; ++i) {
+            boost::shared_ptr<Block<void>> done(new Block<void>());
             done->operation = in->operation;
-            done->operation.deviceGone = i == 0 && deviceGone;
             pipeline_->enqueue(done);
         }
-        return boost::shared_ptr<kestrow::Block<void>>();
+        return boost::shared_ptr<Block<void>>();
     }
 
     void stop() override {
         Server::stop();
-        gate_->wakeAll();
+        gate_->notify();
     }
 
-    bool deviceGone = false;
-    std::atomic<bool> started{false};  // set on the stage thread when a root block arrives
+    std::atomic<bool> started{false};  // a root block has arrived
 
 private:
-    kestrow::BaseServer<kestrow::Block<void>>* pipeline_;
+    kestrow::BaseServer<Block<void>>* pipeline_;
     Gate* gate_;
 };
 
@@ -82,9 +72,9 @@ class TestPipeline : public kestrow::SongDirectoryPipeline {
 public:
     TestPipeline(kestrow::Kestrow* owner, kestrow::OperationType type, Gate* gate,
                  int* destroyed = nullptr)
-        : SongDirectoryPipeline("TestPipeline", owner, type), destroyed_(destroyed) {
-        crawler_ = new GatedCrawler(this, gate);
-        crawler_->next = nullptr;
+        : SongDirectoryPipeline("TestPipeline", owner, type),
+          crawler_(new GatedCrawler(this, gate)),
+          destroyed_(destroyed) {
         children.push_back(crawler_);
     }
     ~TestPipeline() override {
@@ -97,10 +87,7 @@ public:
             throw std::runtime_error("cannot set up the operation");
         SongDirectoryPipeline::enqueueNewOperation(operation, isFirstPartition);
     }
-
-    kestrow::BaseServer<kestrow::Block<kestrow::Directory*>>* crawler() override {
-        return crawler_;
-    }
+    kestrow::BaseServer<Block<kestrow::Directory*>>* crawler() override { return crawler_; }
     GatedCrawler* gated() { return crawler_; }
     int runState() const { return getState(); }
 
