@@ -23,26 +23,23 @@ using olvane::test::waitFor;
 
 namespace {
 
-// Rows of a table as text, ordered, for comparing whole tables.
+// Rows of a query as "a|b|c" texts.
 std::vector<std::string> dump(const std::string& dbFile, const std::string& sql) {
     std::vector<std::string> rows;
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(dbFile.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-        sqlite3_close(db);
-        return rows;
-    }
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK) {
-        while (sqlite3_step(stmt) == SQLITE_ROW) {
+    char** table = nullptr;
+    int nrow = 0, ncol = 0;
+    if (sqlite3_open_v2(dbFile.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+        sqlite3_get_table(db, sql.c_str(), &table, &nrow, &ncol, nullptr) == SQLITE_OK) {
+        for (int r = 1; r <= nrow; ++r) {
             std::string row;
-            for (int c = 0; c < sqlite3_column_count(stmt); ++c) {
-                const unsigned char* t = sqlite3_column_text(stmt, c);
-                row += (c ? "|" : "") + std::string(t ? reinterpret_cast<const char*>(t) : "NULL");
-            }
+            for (int c = 0; c < ncol; ++c)
+                row += (c ? "|" : "") +
+                       std::string(table[r * ncol + c] ? table[r * ncol + c] : "NULL");
             rows.push_back(row);
         }
     }
-    sqlite3_finalize(stmt);
+    sqlite3_free_table(table);
     sqlite3_close(db);
     return rows;
 }
