@@ -2,17 +2,12 @@
 // Small stages and records for the framework's tests.
 
 #include <atomic>
-#include <boost/shared_ptr.hpp>
 #include <functional>
-#include <initializer_list>
-#include <mutex>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include "framework/Block.h"
 #include "framework/Server.h"
-#include "platform/log/LogCapture.h"
+#include "platform/log/LogCapture.h"  // also std::mutex, string, vector
 
 namespace kestrow::test {
 
@@ -25,64 +20,52 @@ using RecBlock = Block<Rec*>;
 using Token = Block<void>;
 
 template <class B = Token>
-boost::shared_ptr<B> block(int id, bool last = true, int records = 0,
-                           std::atomic<int>* destroyed = nullptr) {
+boost::shared_ptr<B> block(int id, bool last = true, int n = 0, std::atomic<int>* freed = nullptr) {
     boost::shared_ptr<B> b(new B);
     b->operation = Operation(id, 0, "dev", "/media/usb", last);
     if constexpr (!std::is_same<B, Token>::value)
-        for (int i = 0; i < records; ++i)
-            b->items.push_back(new Rec{destroyed});
+        for (int i = 0; i < n; ++i)
+            b->items.push_back(new Rec{freed});
     return b;
 }
 
 // A stage running the test's function; without one it keeps every block it
-// receives and sends it on. `completed` lists the operations it was told
-// completed; read it after join().
+// receives (see got()) and sends it on. `completed` lists the operations it
+// was told completed; read it after join().
 template <class TIN, class TOUT = TIN>
-class Stage : public Server<TIN, TOUT> {
-public:
+struct Stage : Server<TIN, TOUT> {
     using Fn = std::function<boost::shared_ptr<TOUT>(Stage&, boost::shared_ptr<TIN>)>;
     explicit Stage(const char* name_, Fn fn_ = nullptr, BaseServer<TOUT>* next_ = nullptr)
         : Server<TIN, TOUT>(name_, next_), fn(std::move(fn_)) {}
 
     boost::shared_ptr<TOUT> doOperation(boost::shared_ptr<TIN> in) override {
-        ++calls;
         if (fn)
             return fn(*this, in);
         std::lock_guard<std::mutex> lock(mutex_);
         got_.push_back(in);
         return in;
     }
-    void signalCompletion(const Operation& operation) override {
-        completed.push_back(operation.id);
-    }
+    void signalCompletion(const Operation& op) override { completed.push_back(op.id); }
     std::vector<boost::shared_ptr<TIN>> got() {
         std::lock_guard<std::mutex> lock(mutex_);
         return got_;
     }
 
     Fn fn;
-    std::atomic<int> calls{0};
     std::vector<int> completed;
-
-private:
     std::mutex mutex_;
     std::vector<boost::shared_ptr<TIN>> got_;
 };
 using PassStage = Stage<Token>;
 
 inline void launchAndStart(std::initializer_list<Runnable*> stages) {
-    for (Runnable* r : stages) {
-        r->launch();
-        r->start();
-    }
+    for (Runnable* r : stages)
+        r->launch(), r->start();
 }
 
 inline void stopAndJoin(std::initializer_list<Runnable*> stages) {
-    for (Runnable* r : stages) {
-        r->stop();
-        r->join();
-    }
+    for (Runnable* r : stages)
+        r->stop(), r->join();
 }
 
 // "function: message" of the captured lines whose message contains `part`.

@@ -29,17 +29,17 @@ TEST_F(DirectorySaverTest, StoresWhatLeadsToMusicAndRewritesOnlyOnChange) {
     QSignalSpy spy(&KestrowQTProxy::instance(), &KestrowQTProxy::contentModified);
     olvane::LogCapture cap;
 
-    saver.doOperation(crawl(usb).directories);
+    saver.doOperation(crawl(rootBlock(usb)).directories);
     // Folders holding only a music subfolder are stored, each with its parent.
     EXPECT_EQ(Strings({usb + "/Music/Artist/Album|" + usb + "/Music/Artist",
                        usb + "/Music/Artist|" + usb + "/Music", usb + "/Music|" + usb, usb + "|"}),
               stored());
-    saver.doOperation(crawl(usb).directories);
+    saver.doOperation(crawl(rootBlock(usb)).directories);
     EXPECT_EQ(1, cap.count("RNC: Did not find changes"));
     EXPECT_EQ(1, spy.count());
 
     ASSERT_EQ(0, ::unlink(song.c_str()));
-    saver.doOperation(crawl(usb).directories);
+    saver.doOperation(crawl(rootBlock(usb)).directories);
     EXPECT_TRUE(stored().empty());
     EXPECT_EQ(2, spy.count());
     EXPECT_EQ(1u, column("SELECT PATH FROM DIRECTORIES").size());

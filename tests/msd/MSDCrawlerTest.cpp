@@ -31,7 +31,7 @@ TEST_F(MSDCrawlerTest, ExtensionsHiddenNamesAndSkippedDirectories) {
     t.mkdir("usb/folder.mp3");
     ASSERT_EQ(0, mkfifo(t.file("usb/pipe.mp3").c_str(), 0644));
 
-    CrawlResult r = crawl(usb);
+    CrawlResult r = crawl(rootBlock(usb));
     EXPECT_EQ(songs, relativePaths(r.songs->items, usb));
     EXPECT_EQ(lists, relativePaths(r.playlists->items, usb));
     EXPECT_EQ(Paths({usb, ".hidden", ".trash", "folder.mp3", "sub"}),
@@ -45,7 +45,7 @@ TEST_F(MSDCrawlerTest, BreadthFirstWithParentIndexes) {
     t.write("usb/D/only.m3u", "");
     setMtime(t.file("usb/A/a.mp3"), 1234567);
 
-    CrawlResult r = crawl(usb);
+    CrawlResult r = crawl(rootBlock(usb));
     const std::vector<kestrow::Directory*>& dirs = r.directories->items;
     EXPECT_EQ(Paths({usb, "A", "A/B", "A/B/C", "A/B2", "D"}), relativePaths(dirs, usb));
     for (size_t i = 1, depth = 0; i < dirs.size(); ++i) {
@@ -61,7 +61,7 @@ TEST_F(MSDCrawlerTest, BreadthFirstWithParentIndexes) {
 TEST_F(MSDCrawlerTest, StopsAtSixteenThousandSongs) {
     for (int i = 0; i <= 16000; ++i)
         t.write("usb/t" + std::to_string(i) + ".mp3", "");
-    EXPECT_EQ(16000u, crawl(usb).songs->items.size());
+    EXPECT_EQ(16000u, crawl(rootBlock(usb)).songs->items.size());
     EXPECT_EQ(1, cap.count("16000 track reached"));
     EXPECT_EQ(1, cap.countContaining("track reached"));
 }
@@ -89,7 +89,7 @@ TEST_F(MSDCrawlerTest, LinksNeitherLoopNorLeaveTheMountPoint) {
     for (const auto& l : links)
         ASSERT_EQ(0, ::symlink(l[0], (usb + "/" + l[1]).c_str())) << l[1];
 
-    CrawlResult r = crawl(usb);
+    CrawlResult r = crawl(rootBlock(usb));
     EXPECT_EQ(Paths({"music/a.mp3", "in.mp3"}), relativePaths(r.songs->items, usb));
     EXPECT_EQ(Paths({usb, "music"}), relativePaths(r.directories->items, usb));
     for (const char* out : {"/root", "/out.mp3"})

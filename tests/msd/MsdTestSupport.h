@@ -3,7 +3,6 @@
 // one crawl on the test's thread, and direct access to the device database.
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <QSignalSpy>
@@ -14,6 +13,7 @@
 #include "msd/MSDCrawler.h"
 #include "platform/common/DatabaseMgr.h"
 #include "platform/log/LogCapture.h"
+#include "tests/support/Sql.h"
 #include "tests/support/TempDir.h"
 
 namespace olvane::test {
@@ -34,8 +34,7 @@ struct StageCollector : kestrow::BaseServer<T> {
 };
 
 // Every test gets a database directory of its own.
-class DbTest : public ::testing::Test {
-protected:
+struct DbTest : ::testing::Test {
     void SetUp() override { DatabaseMgr::instance().setDatabaseDirectory(dbDir.path()); }
     TempDir dbDir;
 };
@@ -60,11 +59,8 @@ inline CrawlResult crawl(DirectoryBlock root) {
     crawler.setPlaylistSink(&playlists);
     crawler.setDirectorySink(&directories);
     crawler.start();
-    FileBlock songs = crawler.doOperation(root);
-    return CrawlResult{songs, playlists.blocks.at(0), directories.blocks.at(0)};
-}
-inline CrawlResult crawl(const std::string& mountPoint) {
-    return crawl(rootBlock(mountPoint));
+    // A braced list runs left to right: the crawl first, then the sinks are read.
+    return CrawlResult{crawler.doOperation(root), playlists.blocks.at(0), directories.blocks.at(0)};
 }
 
 // Paths of the records, relative to `base` when below it.
@@ -83,17 +79,6 @@ Paths relativePaths(const Items& items, const std::string& base) {
 }
 
 // First column of every row of `sql` on dev1's database.
-inline Strings column(const std::string& sql) {
-    Strings values;
-    sqlite3* db = nullptr;
-    sqlite3_open(DatabaseMgr::instance().getDbNameFromDevId("dev1").c_str(), &db);
-    auto collect = [](void* out, int, char** v, char**) {
-        static_cast<Strings*>(out)->push_back(v[0] ? v[0] : "<null>");
-        return 0;
-    };
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), collect, &values, nullptr)) << sql;
-    sqlite3_close(db);
-    return values;
-}
+inline const auto column = [](const std::string& sql) { return dbColumn("dev1", sql); };
 
 }  // namespace olvane::test

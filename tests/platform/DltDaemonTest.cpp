@@ -10,53 +10,37 @@
 
 #include <QStandardPaths>
 #include <algorithm>
-#include <string>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Wait.h"
 
-using olvane::test::ChildProcess;
-using olvane::test::TempDir;
-using olvane::test::waitFor;
+using namespace olvane::test;
 
 TEST(DltDaemonTest, EveryLineReachesTheDaemon) {
     std::vector<std::string> paths;
     for (const char* program : {"dlt-daemon", "dlt-receive", "stdbuf"}) {
-        const QString path = QStandardPaths::findExecutable(program);
-        ASSERT_FALSE(path.isEmpty()) << program << " is missing: run scripts/setup";
-        paths.push_back(path.toStdString());
+        paths.push_back(QStandardPaths::findExecutable(program).toStdString());
+        ASSERT_NE("", paths.back()) << program << " is missing: run scripts/setup";
     }
+    sockaddr_in addr{AF_INET, 0, {}, {}};  // any address: a TCP port that is free now
+    socklen_t len = sizeof addr;
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len));
+    ASSERT_EQ(0, ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len));
+    ::close(fd);
+    const std::string port = std::to_string(ntohs(addr.sin_port));
     TempDir dir;
-    const std::string port = std::to_string([] {  // a TCP port that was free a moment ago
-        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        socklen_t len = sizeof addr;
-        const bool found = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
-                           ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0;
-        ::close(fd);
-        return found ? ntohs(addr.sin_port) : 0;
-    }());
-    ASSERT_NE("0", port);
-    dir.write("dlt.conf",
-              "ECUId = OLVT\nSendContextRegistration = 0\nLoggingMode = 0\nLoggingLevel = 4\n"
-              "SharedMemorySize = 100000\nRingbufferMinSize = 500000\n"
-              "RingbufferMaxSize = 10000000\nRingbufferStepSize = 500000\n"
-              "PersistanceStoragePath = " +
-                  dir.path() + "\nControlSocketPath = " + dir.file("ctrl.sock") + "\n");
+    dir.write("dlt.conf", "PersistanceStoragePath = " + dir.path() +
+                              "\nControlSocketPath = " + dir.file("ctrl.sock") + "\n");
     ChildProcess daemon({paths[0], "-c", dir.file("dlt.conf"), "-t", dir.path(), "-p", port});
     const auto ready = [&] {  // a FIFO opens for writing without blocking once it has a reader
-        const int fd = ::open(dir.file("dlt").c_str(), O_WRONLY | O_NONBLOCK);
-        if (fd >= 0)
-            ::close(fd);
-        return fd >= 0 || daemon.state() != QProcess::Running;
+        const int fifo = ::open(dir.file("dlt").c_str(), O_WRONLY | O_NONBLOCK);
+        return (fifo >= 0 && ::close(fifo) == 0) || daemon.state() != QProcess::Running;
     };
-    if (!waitFor(ready, 10000) || daemon.state() != QProcess::Running) {
-        GTEST_SKIP() << "dlt-daemon could not start here, so nothing to log to. Its output:\n"
-                     << daemon.readAllStandardOutput().toStdString()
-                     << daemon.readAllStandardError().toStdString();
-    }
+    if (!waitFor(ready, 10000) || daemon.state() != QProcess::Running)
+        GTEST_SKIP() << "dlt-daemon could not start here, so nothing to log to:\n"
+                     << (daemon.readAllStandardOutput() + daemon.readAllStandardError()).data();
 
     // Line-buffered, so that its output can be read while it runs.
     ChildProcess receiver({paths[2], "-oL", paths[1], "-a", "-p", port, "localhost"});
@@ -66,24 +50,21 @@ TEST(DltDaemonTest, EveryLineReachesTheDaemon) {
         return received.find(text) != std::string::npos;
     };
     ASSERT_TRUE(waitFor([&] { return receivedHas("New client connection"); }, 10000))
-        << "dlt-receive did not connect:\n"
-        << receiver.readAllStandardError().toStdString();
+        << "dlt-receive did not connect:\n" + receiver.readAllStandardError().toStdString();
     ChildProcess probe({OLVANE_LOG_PROBE, "dlt", "100"},
                        {"DLT_PIPE_DIR=" + dir.path(), "OLVANE_DLT_APP=OLPT", "OLVANE_LOG"});
     ASSERT_TRUE(probe.waitForFinished(10000) && probe.exitCode() == 0);
     EXPECT_EQ("", probe.readAllStandardError().toStdString());
 
-    std::vector<std::string> expected{
-        "error V 1 [main: dlt error line]", "warn V 1 [main: dlt warning line]",
-        "info V 1 [main: dlt info line]", "debug V 1 [main: dlt debug line]",
-        "verbose V 1 [main: dlt verbose line]"};
+    std::vector<std::string> expected;
+    for (std::string line :
+         {"error V 1 [main: dlt error line]", "warn V 1 [main: dlt warning line]",
+          "info V 1 [main: dlt info line]", "debug V 1 [main: dlt debug line]",
+          "verbose V 1 [main: dlt verbose line]"})
+        expected.push_back("OLPT CORE log " + line);
     for (int i = 0; i < 100; ++i)
-        expected.push_back("info V 1 [main: dlt line " + std::to_string(i) + "]");
-    const auto arrived = [&](const std::string& line) {
-        return receivedHas("OLPT CORE log " + line);
-    };
+        expected.push_back("OLPT CORE log info V 1 [main: dlt line " + std::to_string(i) + "]");
     EXPECT_TRUE(
-        waitFor([&] { return std::all_of(expected.begin(), expected.end(), arrived); }, 20000))
-        << "received:\n"
-        << received;
+        waitFor([&] { return std::all_of(expected.begin(), expected.end(), receivedHas); }, 20000))
+        << "received:\n" + received;
 }
