@@ -4,12 +4,8 @@
 
 #include <QMetaMethod>
 #include <QMetaObject>
-#include <vector>
 
-#include "orchestration/Kestrow.h"
-#include "platform/common/DatabaseMgr.h"
 #include "platform/log/LogCapture.h"
-#include "tests/support/TempDir.h"
 #include "tests/support/TestPipeline.h"
 #include "tests/support/Wait.h"
 
@@ -43,30 +39,7 @@ TEST(KestrowQTProxyTest, MetaObjectListsTheTenMethodsInOrder) {
     EXPECT_EQ(KestrowQTProxy::instance().indexingProgress("/media/unknown"), 0);
 }
 
-class ProxySlotsTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        DatabaseMgr::instance().setDatabaseDirectory(tmp.path());
-        scheduler.setPipelineFactory([this](kestrow::OperationType type, kestrow::Kestrow* owner) {
-            auto* p = new olvane::test::TestPipeline(owner, type, &gate);
-            created.push_back(p);
-            return p;
-        });
-        scheduler.launch();
-        scheduler.start();
-        KestrowQTProxy::instance().setScheduler(&scheduler);
-    }
-    void TearDown() override {
-        scheduler.stop();
-        scheduler.join();
-        KestrowQTProxy::instance().setScheduler(nullptr);
-    }
-
-    olvane::test::TempDir tmp;
-    olvane::test::Gate gate;
-    kestrow::Kestrow scheduler;
-    std::vector<olvane::test::TestPipeline*> created;
-};
+using ProxySlotsTest = olvane::test::SchedulerTest;
 
 TEST_F(ProxySlotsTest, QueuedCallsByNameReachTheScheduler) {
     olvane::LogCapture cap;

@@ -3,24 +3,16 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdio>
-#include <vector>
 
-#include "platform/common/DatabaseMgr.h"
 #include "platform/log/LogCapture.h"
 #include "tests/support/SignalLog.h"
-#include "tests/support/TempDir.h"
 #include "tests/support/TestPipeline.h"
 #include "tests/support/Wait.h"
 
-using kestrow::Kestrow;
 using kestrow::MSD_OPERATION;
 using kestrow::MTP_OPERATION;
-using kestrow::OperationType;
 using olvane::LogCapture;
-using olvane::test::Gate;
-using olvane::test::TestPipeline;
 using olvane::test::waitFor;
 
 namespace {
@@ -31,47 +23,7 @@ std::string hexAddress(const void* p) {
     return buf;
 }
 
-class KestrowTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        DatabaseMgr::instance().setDatabaseDirectory(tmp.path());
-        destroyed.fill(0);
-        k = new Kestrow();
-        k->setPipelineFactory([this](OperationType type, Kestrow* owner) {
-            TestPipeline* p = new TestPipeline(owner, type, &gate, &destroyed[created.size()]);
-            p->throwOnEnqueue = throwNext;
-            throwNext = false;
-            created.push_back(p);
-            types.push_back(type);
-            return p;
-        });
-        k->launch();
-        k->start();
-    }
-
-    void TearDown() override {
-        if (!stopped)
-            k->stop();
-        k->join();
-        delete k;
-    }
-
-    void stopScheduler() {
-        k->stop();
-        stopped = true;
-    }
-
-    bool running(size_t i) { return !destroyed[i] && created[i]->gated()->started; }
-
-    olvane::test::TempDir tmp;
-    Gate gate;
-    Kestrow* k = nullptr;
-    std::vector<TestPipeline*> created;  // pipelines die with the scheduler: check `destroyed`
-    std::vector<OperationType> types;
-    std::array<int, 16> destroyed;
-    bool throwNext = false;
-    bool stopped = false;
-};
+using KestrowTest = olvane::test::SchedulerTest;
 
 TEST_F(KestrowTest, RequestsRunOneAtATimeAndTheNextStartsWhenOneEnds) {
     LogCapture cap;

@@ -4,17 +4,24 @@
 // it for the device, then sends the pipeline the three completion blocks
 // that the savers of a real pipeline would send.
 
+#include <gtest/gtest.h>
+
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "facade/KestrowQTProxy.h"
 #include "framework/Server.h"
 #include "msd/Directory.h"
 #include "orchestration/Kestrow.h"
 #include "orchestration/SongDirectoryPipeline.h"
+#include "platform/common/DatabaseMgr.h"
+#include "tests/support/TempDir.h"
 
 namespace olvane {
 namespace test {
@@ -96,6 +103,48 @@ public:
 private:
     GatedCrawler* crawler_;
     int* destroyed_;
+};
+
+// A launched and started scheduler, handed to the facade, that builds
+// TestPipelines. Pipelines die with the scheduler: look at `destroyed`.
+class SchedulerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        DatabaseMgr::instance().setDatabaseDirectory(tmp.path());
+        destroyed.fill(0);
+        k->setPipelineFactory([this](kestrow::OperationType type, kestrow::Kestrow* owner) {
+            TestPipeline* p = new TestPipeline(owner, type, &gate, &destroyed[created.size()]);
+            p->throwOnEnqueue = throwNext;
+            throwNext = false;
+            created.push_back(p);
+            types.push_back(type);
+            return p;
+        });
+        k->launch();
+        k->start();
+        KestrowQTProxy::instance().setScheduler(k);
+    }
+    void TearDown() override {
+        if (!stopped)
+            k->stop();
+        k->join();
+        KestrowQTProxy::instance().setScheduler(nullptr);
+        delete k;
+    }
+    void stopScheduler() {
+        k->stop();
+        stopped = true;
+    }
+    bool running(size_t i) { return !destroyed[i] && created[i]->gated()->started; }
+
+    TempDir tmp;
+    Gate gate;
+    kestrow::Kestrow* k = new kestrow::Kestrow();
+    std::vector<TestPipeline*> created;
+    std::vector<kestrow::OperationType> types;
+    std::array<int, 16> destroyed;
+    bool throwNext = false;
+    bool stopped = false;
 };
 
 }  // namespace test
