@@ -149,3 +149,30 @@ TEST_F(KestrowTest, BlocksArrivingAfterStopAreIgnored) {
 }
 
 }  // namespace
+
+TEST_F(KestrowTest, APipelineFinishesOnThreeCompletionBlocksOfItsOwnOperation) {
+    LogCapture cap;
+    olvane::test::SignalLog sigs;
+    k->enqueueNewOperation(MSD_OPERATION, "dev", 0, "/media/usb", true);  // gate stays shut
+    auto send = [&](int id, bool isLast = true, bool gone = false) {
+        boost::shared_ptr<kestrow::Block<void>> b(new kestrow::Block<void>());
+        b->operation = kestrow::Operation(id, 0, "dev", "/media/usb", isLast);
+        b->operation.deviceGone = gone;
+        created[0]->enqueue(b);
+    };
+    send(1);
+    send(1);
+    send(0);         // another operation
+    send(1, false);  // not a completing block
+    ASSERT_TRUE(waitFor(
+        [&] { return cap.count("Received a non LAST block! WE SHOULD NEVER BE HERE") == 1; }));
+    EXPECT_EQ(cap.count("OPERATION MISMATCH!!"), 1);
+    EXPECT_EQ(cap.count("Result for id 1: 2"), 1);
+    EXPECT_EQ(DatabaseMgr::instance().getStatus("dev", "/media/usb"), "");
+    EXPECT_EQ(destroyed[0], 0);
+
+    send(1, true, true);  // the device went away in one branch
+    ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1; }));
+    EXPECT_EQ(DatabaseMgr::instance().getStatus("dev", "/media/usb"), "PROGRESS");
+    EXPECT_TRUE(waitFor([&] { return sigs.count("indexingFinished /media/usb") == 1; }));
+}
