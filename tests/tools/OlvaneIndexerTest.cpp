@@ -48,13 +48,14 @@ protected:
     }
     QStringList withDb(QStringList args) { return QStringList{"--db-dir", dbDir()} + args; }
     QString dbDir() { return QString::fromStdString(tree.file("db")); }
+    QString mp() const { return QString::fromStdString(root); }
 
     TempDir tree;
     std::string root;
 };
 
 TEST_F(OlvaneIndexerTest, PrintsEachSignalPlainAndAsJson) {
-    const QString mp = QString::fromStdString(root);
+    const QString mp = this->mp();
     Result first = run(withDb({"--device-id", "stick", "--no-progress", mp}));
     ASSERT_EQ(first.exitCode, 0) << first.err.toStdString();
     ASSERT_GE(first.lines.size(), 3);
@@ -79,7 +80,7 @@ TEST_F(OlvaneIndexerTest, PrintsEachSignalPlainAndAsJson) {
 }
 
 TEST_F(OlvaneIndexerTest, ShowSummarisesTheDatabaseUnderTheDerivedId) {
-    Result r = run(withDb({"--log", "info", QString::fromStdString(root)}));
+    Result r = run(withDb({"--log", "info", mp()}));
     ASSERT_EQ(r.exitCode, 0);
     EXPECT_TRUE(r.err.contains("INFO SongSaver::doOperation: SongSaver for: 4"));
     EXPECT_FALSE(r.err.contains("DEBUG "));
@@ -92,21 +93,17 @@ TEST_F(OlvaneIndexerTest, ShowSummarisesTheDatabaseUnderTheDerivedId) {
 
     Result plain = run(QStringList{"show"} + withDb({id}));
     ASSERT_EQ(plain.exitCode, 0) << plain.err.toStdString();
-    EXPECT_TRUE(plain.lines.contains("songs 4"));
-    EXPECT_TRUE(plain.lines.contains("artists 2"));
-    EXPECT_TRUE(plain.lines.contains("playlists 1"));
-    EXPECT_TRUE(plain.lines.contains("directories 3"));
-    EXPECT_TRUE(plain.lines.contains("status " + QString::fromStdString(root) + " OK"));
+    EXPECT_EQ(plain.lines.mid(2),
+              QStringList({"songs 4", "artists 2", "albums 2", "genres 2", "composers 2",
+                           "playlists 1", "directories 3", "status " + mp() + " OK"}));
 
     Result json = run(QStringList{"show"} + withDb({"--json", id}));
     ASSERT_EQ(json.exitCode, 0);
     ASSERT_EQ(json.lines.size(), 1);
     QJsonObject o = QJsonDocument::fromJson(json.lines[0].toUtf8()).object();
     EXPECT_EQ(o["songs"].toInt(), 4);
-    EXPECT_EQ(o["albums"].toInt(), 2);
-    EXPECT_EQ(o["genres"].toInt(), 2);
     EXPECT_EQ(o["composers"].toInt(), 2);
-    EXPECT_EQ(o["status"].toObject()[QString::fromStdString(root)].toString(), "OK");
+    EXPECT_EQ(o["status"].toObject()[mp()].toString(), "OK");
 }
 
 TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
@@ -116,9 +113,8 @@ TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
     EXPECT_TRUE(notDir.lines.isEmpty());
     EXPECT_FALSE(QDir(dbDir()).exists());  // nothing was requested
 
-    EXPECT_EQ(run(withDb({"--bogus", QString::fromStdString(root)})).exitCode, 2);
-    EXPECT_EQ(run(withDb({"--log", "loud", QString::fromStdString(root)})).exitCode, 2);
-    EXPECT_EQ(run(withDb({})).exitCode, 2);
+    for (const QStringList& bad : {QStringList{"--bogus", mp()}, {"--log", "loud", mp()}, {}})
+        EXPECT_EQ(run(withDb(bad)).exitCode, 2) << bad.join(' ').toStdString();
     Result missing = run(QStringList{"show"} + withDb({"nosuchdevice"}));
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_TRUE(missing.err.contains("no database for device nosuchdevice"));
@@ -130,7 +126,7 @@ TEST_F(OlvaneIndexerTest, CtrlCStopsCleanlyAndKeepsWhatWasCommitted) {
         tree.copySample("gears-copper-sky.mp3", "usb/many/" + std::to_string(i) + ".mp3");
     QProcess p;
     p.setProgram(OLVANE_INDEXER);
-    p.setArguments(withDb({"--device-id", "big", QString::fromStdString(root)}));
+    p.setArguments(withDb({"--device-id", "big", mp()}));
     p.start();
     QByteArray out;
     ASSERT_TRUE(olvane::test::waitFor(
@@ -157,8 +153,7 @@ TEST_F(OlvaneIndexerTest, CtrlCStopsCleanlyAndKeepsWhatWasCommitted) {
     sqlite3_close(db);
 
     // The next run goes on from there and completes.
-    Result again =
-        run(withDb({"--device-id", "big", "--no-progress", QString::fromStdString(root)}));
+    Result again = run(withDb({"--device-id", "big", "--no-progress", mp()}));
     EXPECT_EQ(again.exitCode, 0);
     EXPECT_EQ(DatabaseMgr::instance().getStatus("big", root), "OK");
 }
