@@ -65,7 +65,8 @@ protected:
         QMetaObject::invokeMethod(&KestrowQTProxy::instance(), "startIndexing",
                                   Qt::QueuedConnection, Q_ARG(QString, "usb1"),
                                   Q_ARG(QString, QString::fromStdString(root)), Q_ARG(bool, true));
-        EXPECT_TRUE(waitFor([&] { return !sigs.named("indexingFinished").isEmpty(); }, 60000));
+        EXPECT_TRUE(
+            waitFor([&] { return !sigs.entries.filter("indexingFinished ").isEmpty(); }, 60000));
         EXPECT_TRUE(waitFor([&] { return scheduler.registeredCount() == 0; }));
         QCoreApplication::processEvents();
         return sigs.entries;

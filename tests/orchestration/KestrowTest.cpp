@@ -17,12 +17,6 @@ using olvane::test::waitFor;
 
 namespace {
 
-std::string hexAddress(const void* p) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%x", unsigned(reinterpret_cast<uintptr_t>(p)));
-    return buf;
-}
-
 using KestrowTest = olvane::test::SchedulerTest;
 
 TEST_F(KestrowTest, RequestsRunOneAtATimeAndTheNextStartsWhenOneEnds) {
@@ -36,7 +30,8 @@ TEST_F(KestrowTest, RequestsRunOneAtATimeAndTheNextStartsWhenOneEnds) {
     EXPECT_EQ(created[1]->runState(), 2);
     EXPECT_FALSE(created[1]->gated()->started);
 
-    const std::string goOn = "queue is not empty: go on " + hexAddress(created[1]);
+    const std::string goOn = "queue is not empty: go on " +
+                             QString::number(uintptr_t(created[1]) & 0xffffffffu, 16).toStdString();
     gate.open("devA");
     ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1 && running(1); }));
     EXPECT_EQ(cap.count(goOn), 1);
@@ -44,7 +39,7 @@ TEST_F(KestrowTest, RequestsRunOneAtATimeAndTheNextStartsWhenOneEnds) {
     gate.open("devB");
     EXPECT_TRUE(waitFor([&] { return destroyed[1] == 1 && k->registeredCount() == 0; }));
     EXPECT_TRUE(waitFor([&] {
-        return sigs.named("indexingFinished") ==
+        return sigs.entries.filter("indexingFinished ") ==
                QStringList({"indexingFinished /media/a", "indexingFinished /media/b"});
     }));
     EXPECT_EQ(DatabaseMgr::instance().getStatus("devA", "/media/a"), "OK");

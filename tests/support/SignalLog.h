@@ -31,14 +31,6 @@ public:
     }
 
     int count(const QString& entry) const { return int(entries.count(entry)); }
-    // Entries whose signal name is `signal`.
-    QStringList named(const QString& signal) const {
-        QStringList out;
-        for (const QString& e : entries)
-            if (e.startsWith(signal + " "))
-                out << e;
-        return out;
-    }
 
     QStringList entries;  // "<signal> <args...>", read and written on the test's thread
 };
