@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-
 #include "platform/log/LogCapture.h"
 #include "tests/support/SignalLog.h"
 #include "tests/support/TestPipeline.h"
