@@ -115,3 +115,19 @@ TEST_F(DatabaseMgrTest, CheckAndDeleteRemovesLeastRecentlyIndexedFirst) {
 }
 
 }  // namespace
+
+TEST_F(DatabaseMgrTest, SizeLimitCountsTheWalAndDeleteRemovesAllThreeFiles) {
+    const std::string db = mgr.getDbNameFromDevId("big");
+    auto sized = [&](const std::string& file, long size) {  // sparse: nothing is written
+        fs::resize_file(dir.write(file, ""), size);
+    };
+    sized("big.db", DatabaseMgr::kSizeLimit / 2);
+    sized("big.db-wal", DatabaseMgr::kSizeLimit / 2 - 1);
+    sized("big.db-shm", 1);
+    EXPECT_FALSE(mgr.dbSizeHasReachLimit(db));
+    sized("big.db-wal", DatabaseMgr::kSizeLimit / 2);
+    EXPECT_TRUE(mgr.dbSizeHasReachLimit(db));
+    mgr.deleteDb("big");
+    for (const char* suffix : {"", "-wal", "-shm"})
+        EXPECT_FALSE(fs::exists(db + suffix)) << suffix;
+}
