@@ -54,9 +54,8 @@ TEST_F(ProxySlotsTest, QueuedCallsByNameReachTheScheduler) {
     EXPECT_EQ(cap.count("enqueueNewOperation usb1 type 0 handle 0 mp /media/usb"), 1);
     EXPECT_EQ(cap.count("enqueueNewOperation 1234 type 1 handle 7 mp mtp-folder://1234"), 1);
     const kestrow::KestrowOperation& mtp = created[1]->getCurrentOperation();
-    EXPECT_EQ(mtp.handle, 7u);
-    EXPECT_EQ(mtp.deviceId, "1234");
-    EXPECT_EQ(mtp.mountPoint, "mtp-folder://1234");
+    EXPECT_EQ(std::to_string(mtp.handle) + " " + mtp.deviceId + " " + mtp.mountPoint,
+              "7 1234 mtp-folder://1234");
 
     // Another handle matches nothing: every pipeline is paused.
     proxy.prioritizeMtpDevice("1234", 8);

@@ -167,5 +167,5 @@ TEST_F(KestrowTest, APipelineFinishesOnThreeCompletionBlocksOfItsOwnOperation) {
     send(1, true, true);  // the device went away in one branch
     ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1; }));
     EXPECT_EQ(DatabaseMgr::instance().getStatus("dev", "/media/usb"), "PROGRESS");
-    EXPECT_TRUE(waitFor([&] { return sigs.count("indexingFinished /media/usb") == 1; }));
+    EXPECT_TRUE(waitFor([&] { return sigs.entries.count("indexingFinished /media/usb") == 1; }));
 }

@@ -30,8 +30,6 @@ public:
             Qt::QueuedConnection);
     }
 
-    int count(const QString& entry) const { return int(entries.count(entry)); }
-
     QStringList entries;  // "<signal> <args...>", read and written on the test's thread
 };
 
