@@ -65,10 +65,12 @@ protected:
         QMetaObject::invokeMethod(&KestrowQTProxy::instance(), "startIndexing",
                                   Qt::QueuedConnection, Q_ARG(QString, "usb1"),
                                   Q_ARG(QString, QString::fromStdString(root)), Q_ARG(bool, true));
-        EXPECT_TRUE(
-            waitFor([&] { return !sigs.entries.filter("indexingFinished ").isEmpty(); }, 60000));
-        EXPECT_TRUE(waitFor([&] { return scheduler.registeredCount() == 0; }));
-        QCoreApplication::processEvents();
+        EXPECT_TRUE(waitFor(
+            [&] {
+                return sigs.entries.filter("indexingFinished ").size() == 1 &&
+                       scheduler.registeredCount() == 0;
+            },
+            60000));
         return sigs.entries;
     }
 
