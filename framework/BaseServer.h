@@ -137,16 +137,7 @@ public:
         va_end(args);
     }
 
-    const char* getName() const { return name; }
     int getState() const { return state; }
-    // Blocks now queued, read under the lock (for observers and tests). Not
-    // after stop(): the stage's exited run loop may hold the lock for good.
-    int queued() {
-        pthread_mutex_lock(&mutex);
-        int n = count;
-        pthread_mutex_unlock(&mutex);
-        return n;
-    }
 
 protected:
     int capacity;

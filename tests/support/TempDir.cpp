@@ -47,13 +47,9 @@ std::string TempDir::mkdir(const std::string& relative) const {
 std::string TempDir::copySample(const std::string& sample, const std::string& relative) const {
     const std::string p = file(relative);
     fs::create_directories(fs::path(p).parent_path());
-    fs::copy_file(sampleFile(sample), p, fs::copy_options::overwrite_existing);
+    fs::copy_file(std::string(OLVANE_TEST_DATA_DIR) + "/" + sample, p,
+                  fs::copy_options::overwrite_existing);
     return p;
-}
-
-std::string sampleFile(const std::string& name) {
-    const char* dir = std::getenv("OLVANE_TEST_DATA");
-    return std::string(dir && *dir ? dir : OLVANE_TEST_DATA_DIR) + "/" + name;
 }
 
 void setMtime(const std::string& path, long seconds) {

@@ -27,8 +27,6 @@ private:
     std::string path_;
 };
 
-// Absolute path of a sample file in tests/data.
-std::string sampleFile(const std::string& name);
 // Sets a file's modification time (seconds).
 void setMtime(const std::string& path, long seconds);
 
