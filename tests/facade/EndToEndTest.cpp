@@ -106,7 +106,6 @@ protected:
         tree.copySample("gears-iron-road.mp3", "usb/.hidden.mp3");
         tree.write("usb/notes.txt", "not music");
         tree.mkdir("usb/empty");
-        tree.mkdir("usb/.TRASH/x");
         tree.copySample("gears-iron-road.mp3", "usb/.TRASH/x/deleted.mp3");
         tree.write("usb/list.m3u", "Gears/Steam/iron.mp3\n" + std::string(kOddSong).substr(4) +
                                        "\nКино/группа.mp3\n");

@@ -130,7 +130,8 @@ TEST_F(KestrowTest, BlocksArrivingAfterStopAreIgnored) {
     LogCapture cap;
     k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
     ASSERT_TRUE(waitFor([&] { return running(0); }));
-    stopScheduler();
+    k->stop();
+    stopped = true;  // TearDown must not stop it again
 
     boost::shared_ptr<kestrow::Block<void>> late(new kestrow::Block<void>());
     late->operation = kestrow::Operation(1, 0, "devA", "/media/a", true);

@@ -131,10 +131,6 @@ protected:
         KestrowQTProxy::instance().setScheduler(nullptr);
         delete k;
     }
-    void stopScheduler() {
-        k->stop();
-        stopped = true;
-    }
     bool running(size_t i) { return !destroyed[i] && created[i]->gated()->started; }
 
     TempDir tmp;

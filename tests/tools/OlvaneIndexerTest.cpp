@@ -110,7 +110,6 @@ TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
     Result notDir = run(withDb({QString::fromStdString(tree.file("usb/list.m3u"))}));
     EXPECT_EQ(notDir.exitCode, 2);
     EXPECT_TRUE(notDir.err.contains("is not a directory"));
-    EXPECT_TRUE(notDir.lines.isEmpty());
     EXPECT_FALSE(QDir(dbDir()).exists());  // nothing was requested
 
     for (const QStringList& bad : {QStringList{"--bogus", mp()}, {"--log", "loud", mp()}, {}})
