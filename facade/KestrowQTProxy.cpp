@@ -2,6 +2,7 @@
 
 #include <QMetaType>
 
+#include "mtp/MtpDevice.h"
 #include "orchestration/Kestrow.h"
 #include "platform/log/ZQLog.h"
 
@@ -39,6 +40,7 @@ void KestrowQTProxy::startMtpIndexing(QString device_id, t_device_handle handle,
 
 void KestrowQTProxy::setDeviceReady(t_device_handle handle) {
     ZQLOG_INFO("KestrowQTProxy::setDeviceReady %u", unsigned(handle));
+    kestrow::MtpDevice::instance().setDeviceReady(handle);
 }
 
 int KestrowQTProxy::indexingProgress(QString /*mount_point*/) const {

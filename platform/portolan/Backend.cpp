@@ -1,0 +1,7 @@
+#include "platform/portolan/Backend.h"
+
+namespace portolan {
+
+Backend::~Backend() = default;
+
+}  // namespace portolan
