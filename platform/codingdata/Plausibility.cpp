@@ -263,6 +263,12 @@ double wordPenalty(const std::vector<gunichar>& word) {
             penalty += 3;
         if (group == G_LATIN && nonAscii >= 2 && 2 * nonAscii > n)
             penalty += 2.0 * nonAscii;
+        // Czech writes e-caron only after b, p, v, f, m, d, t and n; elsewhere
+        // it is mostly Italian i-grave read as Central European.
+        for (int i = 0; i < n; ++i)
+            if (g_unichar_tolower(word[i]) == 0x011B &&
+                (i == 0 || !std::strchr("bpvfmdtn", int(g_unichar_tolower(word[i - 1])))))
+                penalty += 2;
         bool allUpper = true;
         for (gunichar c : word)
             allUpper = allUpper && !g_unichar_islower(c);
