@@ -10,29 +10,39 @@
 // Texts marked "UTF-8" are passed through; invalid sequences are replaced by
 // U+FFFD. Texts marked with any other iconv name are converted from it.
 //
-// The guess only ever picks from this priority list, earlier entries winning
-// ties:
-//   1. UTF-8         bytes that are valid UTF-8 with multi-byte sequences
-//   2. WINDOWS-1252  the Latin-1 default (Latin-1 plus 0x80-0x9F); when the
-//                    pool does not fit it, plain ISO-8859-1
-//   3. WINDOWS-1251  Cyrillic (Russian, Ukrainian, Bulgarian, Serbian)
-//   4. WINDOWS-1250  Central European (Polish, Czech, Slovak, Hungarian)
-//   5. WINDOWS-1253  Greek
-//   6. ISO-8859-7    Greek
-//   7. WINDOWS-1254  Turkish
-//   8. WINDOWS-1255  Hebrew
-//   9. CP932         Japanese (Shift_JIS)
-//  10. GBK           simplified Chinese (GB2312 and GBK)
-//  11. CP950         traditional Chinese (Big5)
-//  12. CP949         Korean (EUC-KR and its Windows extension)
-// Each candidate that decodes the pool is scored for plausibility (no
-// controls, one script per word, sensible letter case, common characters of
-// its code page) and for what uchardet and ICU's detector say about the pool.
-// Where the result is not clearly better than the Latin-1 reading, Latin-1
-// wins, so Western names ("Motörhead", "Björk", "Sigur Rós") stay as they are.
+// The guess only ever picks from this default priority list, earlier
+// entries winning ties:
+//   UTF-8          bytes that are valid UTF-8 with multi-byte sequences
+//   WINDOWS-1252   the Latin-1 default (Latin-1 plus 0x80-0x9F); when the
+//                  pool does not fit it, plain ISO-8859-1
+//   WINDOWS-1251, KOI8-R, KOI8-U, ISO-8859-5         Cyrillic
+//   WINDOWS-1250, ISO-8859-2                         Central European
+//   WINDOWS-1253, ISO-8859-7                         Greek
+//   WINDOWS-1254, ISO-8859-9                         Turkish
+//   WINDOWS-1255, ISO-8859-8                         Hebrew
+//   WINDOWS-1256                                     Arabic, Persian
+//   WINDOWS-1257, ISO-8859-13                        Baltic
+//   WINDOWS-1258                                     Vietnamese
+//   CP874          Thai (TIS-620, ISO-8859-11)
+//   CP932          Japanese (Shift_JIS)
+//   GB18030        simplified Chinese (GB2312, GBK)
+//   CP950          traditional Chinese (Big5)
+//   CP949          Korean (EUC-KR and its Windows extension)
+//   EUC-JP         Japanese
+// Each code page that decodes the pool is scored for plausibility (no
+// controls, one script per word, sensible letter case, marks on letters of
+// their script, Thai vowels and tones in their places, common letters and
+// ideographs of its languages) and for what uchardet and ICU's detector say
+// about the pool. A character cut at the end of a field (fixed-size ID3v1
+// fields cut them) is dropped. Where the result is not clearly better than
+// the first legacy code page of the list, that one wins: under the default
+// list it is Latin-1, so Western names ("Motörhead", "Björk", "Sigur Rós")
+// stay as they are. Hosts sold in markets whose Latin-script code pages
+// (WINDOWS-1250, -1254, -1257, -1258, ISO-8859-2, -9, -13) read as plausible
+// Latin-1 put them first with setMarketCodePages.
 //
-// All functions are thread-safe (no shared state). Every output text is valid
-// UTF-8.
+// All functions are thread-safe: the market list is swapped under a lock and
+// each thread keeps its own converters. Every output text is valid UTF-8.
 
 #include <stddef.h>
 
@@ -77,6 +87,17 @@ int isMetadataEmptyUTF8(const char* text, size_t length);
 
 // Releases the fields' memory and unsets them; not `track` itself.
 void destroyTrack(Track* track);
+
+// Tells the guess which code pages the host's markets use: `list` holds
+// iconv names (or common aliases such as "SHIFT_JIS", "TIS-620", "EUC-KR")
+// separated by commas or blanks, most likely first. They are tried before
+// the rest of the default list, and the first of them takes the place of
+// WINDOWS-1252 as the reading kept when no other is clearly better. NULL or
+// "" restores the default list. Returns 0, or -1 (logged, list in force
+// unchanged) when a name is not one of the code pages above. Safe to call
+// from any thread at any time; a guess already running keeps the list it
+// started with.
+int setMarketCodePages(const char* list);
 
 // The character set that guess_and_convert_by_prio would pick for these
 // bytes taken as one pool (one of the list above, or ISO-8859-1 / ASCII).
