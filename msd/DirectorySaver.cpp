@@ -69,10 +69,8 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
         istream.step();
         if (!istream.good())
             break;
-        std::string id;
+        std::string id;  // "" for a NULL id: a change, so the row is rewritten
         istream >> id;
-        if (!istream.good())
-            break;
         stored.push_back(id);
     }
     istream.finalize();

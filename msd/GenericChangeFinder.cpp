@@ -56,9 +56,9 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
         int id = 0;
         double lastModified = 0;
         std::string path;
+        // A NULL path reads as "" and the reading goes on: such a row matches
+        // no file and is deleted, instead of hiding the rows after it.
         istream >> id >> lastModified >> path;
-        if (!istream.good())
-            break;  // a NULL path ends the reading
         objects.push_back(DbObject(id, int(lastModified), path));
     }
     istream.finalize();

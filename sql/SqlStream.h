@@ -201,20 +201,14 @@ public:
         ++this->index;
         return *this;
     }
-    // A NULL column leaves the string as it was and sets failbit, so that a
-    // reading loop stops there.
+    // A NULL column leaves the string as it was, and the stream good: a
+    // reading loop goes on with the next row instead of stopping there.
     basic_sqlistream& operator>>(std::string& value) {
-        if (!hasRow()) {
-            ++this->index;
-            return *this;
-        }
-        const unsigned char* text = sqlite3_column_text(this->stmt, this->index);
-        if (text) {
+        const unsigned char* text =
+            hasRow() ? sqlite3_column_text(this->stmt, this->index) : nullptr;
+        if (text)
             value.assign(reinterpret_cast<const char*>(text),
                          size_t(sqlite3_column_bytes(this->stmt, this->index)));
-        } else {
-            this->setstate(std::ios_base::failbit);
-        }
         ++this->index;
         return *this;
     }
