@@ -102,13 +102,14 @@ void SongSaver::saveSongs(const std::vector<MetaDataInfo*>& songs) {
     for (MetaDataInfo* s : songs) {
         if (!s)
             continue;
-        if (!ostream.stmt)
-            ostream.query(kInsertSong);  // a failed row discards the statement
+        // A row that failed (bind or step) left the statement discarded or its
+        // parameter count advanced: prepare again, so every row binds from 1.
+        if (!ostream.good())
+            ostream.query(kInsertSong);
         ostream << s->partitionId << s->path << s->objectId << s->directoryId << s->name << s->title
                 << s->artistId << s->albumId << s->genreId << s->composerId << s->audioType
                 << s->bookmark << s->lastModified << s->trackNumber << s->discNumber
                 << s->asianTitle << sqlstl::step;
-        ostream.clear();
     }
     ostream.finalize();
 }
@@ -124,10 +125,9 @@ void SongSaver::saveLookup(std::vector<MetaDataInfo*> songs,
     songs.erase(std::unique(songs.begin(), songs.end(), unique), songs.end());
     ostream.query(sql);
     for (MetaDataInfo* s : songs) {
-        if (!ostream.stmt)
+        if (!ostream.good())
             ostream.query(sql);
         ostream << s->*id << s->*name << s->*asian << sqlstl::step;
-        ostream.clear();
     }
     ostream.finalize();
 }
