@@ -87,7 +87,7 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
             emit KestrowQTProxy::instance().contentModified(
                 QString::fromLatin1(in->operation.mountPoint.c_str()));
         }
-        sqlite3_exec(ostream.db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.exec("BEGIN TRANSACTION;");
         const std::string erase = "DELETE FROM DIRECTORIES WHERE PATH LIKE " + pattern + ";";
         char* error = nullptr;
         int rc = sqlite3_exec(ostream.db, erase.c_str(), nullptr, nullptr, &error);
@@ -112,7 +112,7 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
                     << parent << sqlstl::step;
         }
         ostream.finalize();
-        sqlite3_exec(ostream.db, "END TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.exec("END TRANSACTION;");
     }
 
     ZQLOG_INFO("DirectorySaver timer: %ld", timer.stop());

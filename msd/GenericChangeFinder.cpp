@@ -94,14 +94,14 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
                operation.id);
 
     if (!toDelete.empty()) {
-        sqlite3_exec(ostream.db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.exec("BEGIN TRANSACTION;");
         ostream.query(deleteText);
         for (const DbObject* object : toDelete) {
             if (!ostream.good())
                 ostream.query(deleteText);  // a failed row does not stop the others
             ostream << object->id << sqlstl::step;
         }
-        sqlite3_exec(ostream.db, "END TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.exec("END TRANSACTION;");
         ostream.finalize();
     }
 

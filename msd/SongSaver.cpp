@@ -89,14 +89,6 @@ namespace kestrow {
 
 SongSaver::SongSaver(const char* name_) : ServerDB<Block<MetaDataInfo*>, Block<void>>(name_) {}
 
-void SongSaver::exec(const char* sql) {
-    char* error = nullptr;
-    int rc = sqlite3_exec(ostream.db, sql, nullptr, nullptr, &error);
-    if (rc != SQLITE_OK)
-        ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(ostream.db));
-    sqlite3_free(error);
-}
-
 void SongSaver::saveSongs(const std::vector<MetaDataInfo*>& songs) {
     ostream.query(kInsertSong);
     for (MetaDataInfo* s : songs) {
@@ -140,7 +132,7 @@ boost::shared_ptr<Block<void>> SongSaver::doOperation(boost::shared_ptr<Block<Me
     ZQLOG_INFO("SongSaver (op: %d)", op.id);
     Timer timer;
 
-    exec("BEGIN TRANSACTION;");
+    ostream.exec("BEGIN TRANSACTION;");
     saveSongs(in->items);
     saveLookup(in->items, sortOnGenre, uniqueOnGenre, kReplaceGenre, &MetaDataInfo::genreId,
                &MetaDataInfo::genre, &MetaDataInfo::asianGenre);
@@ -150,12 +142,12 @@ boost::shared_ptr<Block<void>> SongSaver::doOperation(boost::shared_ptr<Block<Me
                &MetaDataInfo::artist, &MetaDataInfo::asianArtist);
     saveLookup(in->items, sortOnComposer, uniqueOnComposer, kReplaceComposer,
                &MetaDataInfo::composerId, &MetaDataInfo::composer, &MetaDataInfo::asianComposer);
-    exec("END TRANSACTION;");
+    ostream.exec("END TRANSACTION;");
     ZQLOG_INFO("SongSaver timer: %ld (op: %d)", timer.stop(), op.id);
 
     if (op.lastBlock) {
         ZQLOG_INFO("Clear");
-        exec(kCleanUp);
+        ostream.exec(kCleanUp);
         ZQLOG_INFO("SongSaver close db");
         ostream.close();
         istream.close();

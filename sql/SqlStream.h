@@ -48,6 +48,18 @@ public:
         db = nullptr;
     }
 
+    // Runs `sql` (statements that return no rows, such as "BEGIN
+    // TRANSACTION;") on the connection, apart from `stmt` and the flags. A
+    // failure is logged as "exec failed: %d %s" with SQLite's message.
+    bool exec(const char* sql) {
+        char* error = nullptr;
+        int rc = sqlite3_exec(db, sql, nullptr, nullptr, &error);
+        if (rc != SQLITE_OK)
+            ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(db));
+        sqlite3_free(error);
+        return rc == SQLITE_OK;
+    }
+
     void finalize() {
         if (stmt)
             sqlite3_finalize(stmt);

@@ -1,0 +1,77 @@
+// Indexes real trees through the scheduler and the mass-storage pipeline.
+#include "orchestration/MSDPipeline.h"
+
+#include <gtest/gtest.h>
+
+#include "orchestration/Kestrow.h"
+#include "platform/log/LogCapture.h"
+#include "tests/support/SignalLog.h"
+#include "tests/support/Sql.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Wait.h"
+
+using olvane::test::dbColumn;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+class MSDPipelineTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        DatabaseMgr::instance().setDatabaseDirectory(tmp.file("db"));
+        scheduler.launch();
+        scheduler.start();
+    }
+    void TearDown() override {
+        scheduler.stop();
+        scheduler.join();
+    }
+
+    // Indexes one partition of device "dev" to the end; returns its signals.
+    QStringList index(const std::string& mountPoint, bool isFirstPartition) {
+        olvane::test::SignalLog sigs;
+        scheduler.enqueueNewOperation(kestrow::MSD_OPERATION, "dev", 0, mountPoint,
+                                      isFirstPartition);
+        EXPECT_TRUE(olvane::test::waitFor(
+            [&] {
+                return sigs.entries.filter("indexingFinished ").size() == 1 &&
+                       scheduler.registeredCount() == 0;
+            },
+            60000));
+        return sigs.entries;
+    }
+    // A folder with a song and a playlist naming it.
+    std::string makePartition(const std::string& relative) {
+        tmp.copySample("gears-iron-road.mp3", relative + "/f/s.mp3");
+        tmp.write(relative + "/l.m3u", "f/s.mp3\n");
+        return tmp.file(relative);
+    }
+    Strings column(const std::string& sql) { return dbColumn("dev", sql); }
+
+    olvane::test::TempDir tmp;
+    kestrow::Kestrow scheduler;
+};
+
+}  // namespace
+
+TEST_F(MSDPipelineTest, FailedTransactionsAreLoggedWithTheDatabaseMessage) {
+    const std::string usb = makePartition("usb");
+    DatabaseMgr::instance().createDb("dev", usb, true);
+    // Stale rows for both change finders to delete; every write undoes its
+    // transaction, so each stage's "END TRANSACTION;" finds none to end.
+    column("INSERT INTO SONGS (PATH, LASTMODIFIED) VALUES ('" + usb +
+           "/gone.mp3', 1);"
+           "INSERT INTO PLAYLISTS (PLAYPATH, PLAYID, LASTMODIFIED) VALUES ('" +
+           usb +
+           "/gone.m3u', 'p', 1);"
+           "CREATE TRIGGER t1 BEFORE DELETE ON SONGS BEGIN SELECT RAISE(ROLLBACK, 'no'); END;"
+           "CREATE TRIGGER t2 BEFORE DELETE ON PLAYLISTS BEGIN SELECT RAISE(ROLLBACK, 'no'); END;"
+           "CREATE TRIGGER t3 BEFORE INSERT ON SONGS BEGIN SELECT RAISE(ROLLBACK, 'no'); END;"
+           "CREATE TRIGGER t4 BEFORE INSERT ON PLAYLISTS BEGIN SELECT RAISE(ROLLBACK, 'no'); END;"
+           "CREATE TRIGGER t5 BEFORE INSERT ON DIRECTORIES BEGIN SELECT RAISE(ROLLBACK, 'no'); "
+           "END;");
+    olvane::LogCapture cap;
+    index(usb, true);
+    // Both change finders, the directory, song and playlist savers.
+    EXPECT_EQ(5, cap.count("exec failed: 1 cannot commit - no transaction is active"));
+}
