@@ -11,7 +11,7 @@
 
 #include "db/Timer.h"
 #include "facade/KestrowQTProxy.h"
-#include "msd/MountPointPattern.h"
+#include "platform/common/MountPointScope.h"
 
 namespace kestrow {
 
@@ -60,11 +60,12 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
     }
     std::sort(device.begin(), device.end());
 
-    const std::string pattern = mountPointPattern(in->operation.mountPoint);
+    // The mount point's rows, its own included: bound to ?1, matched byte for byte.
+    const std::string& mountPoint = in->operation.mountPoint;
+    const std::string scope = MountPointScope::sqlCondition("PATH");
     std::vector<std::string> stored;
-    const std::string select =
-        "SELECT OBJECTID FROM DIRECTORIES WHERE PATH LIKE " + pattern + " ORDER BY OBJECTID;";
-    istream.query(select);
+    istream.query("SELECT OBJECTID FROM DIRECTORIES WHERE " + scope + " ORDER BY OBJECTID;");
+    istream.bind(1, mountPoint);
     for (;;) {
         istream.step();
         if (!istream.good())
@@ -85,15 +86,11 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
         ZQLOG_INFO("RNC: Found changes %u", unsigned(changes.size()));
         if (state == 0) {
             emit KestrowQTProxy::instance().contentModified(
-                QString::fromLatin1(in->operation.mountPoint.c_str()));
+                QString::fromLatin1(mountPoint.c_str()));
         }
         ostream.exec("BEGIN TRANSACTION;");
-        const std::string erase = "DELETE FROM DIRECTORIES WHERE PATH LIKE " + pattern + ";";
-        char* error = nullptr;
-        int rc = sqlite3_exec(ostream.db, erase.c_str(), nullptr, nullptr, &error);
-        if (rc != SQLITE_OK)
-            ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(ostream.db));
-        sqlite3_free(error);
+        ostream.query("DELETE FROM DIRECTORIES WHERE " + scope + ";");
+        ostream << mountPoint << sqlstl::step;
 
         const char* insert =
             "INSERT INTO DIRECTORIES (PARTITION_ID, PATH,  NAME, OBJECTID, PARENT_ID)              "

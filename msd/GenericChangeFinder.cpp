@@ -44,11 +44,16 @@ GenericChangeFinder::GenericChangeFinder(const char* name_,
     : name(name_), ostream(ostream_), istream(istream_), operation(operation_) {}
 
 int GenericChangeFinder::findDifference(const std::string& select, const std::string& deleteText,
-                                        Block<FileInfo*>* in, Block<FileInfo*>* out) {
+                                        Block<FileInfo*>* in, Block<FileInfo*>* out,
+                                        bool bindMountPoint) {
     Timer timer;
 
     std::vector<DbObject> objects;
     istream.query(select);
+    // Bound, not pasted into the text: no character of a volume label is
+    // read as SQL or as a pattern.
+    if (bindMountPoint)
+        istream.bind(1, operation.mountPoint);
     for (;;) {
         istream.step();
         if (!istream.good())

@@ -174,6 +174,16 @@ public:
     }
     basic_sqlistream& query(const std::string& sql) { return query(sql.c_str()); }
 
+    // Binds a copy of `text` to parameter `parameter` (from 1) of the query,
+    // before its first step. A failure sets failbit, so the query reads no
+    // row; nothing is bound unless the stream is good.
+    basic_sqlistream& bind(int parameter, const std::string& text) {
+        if (this->good() && sqlite3_bind_text(this->stmt, parameter, text.data(), int(text.size()),
+                                              SQLITE_TRANSIENT) != SQLITE_OK)
+            this->setstate(std::ios_base::failbit);
+        return *this;
+    }
+
     // Moves to the next row: eofbit when there is none, badbit on failure.
     // At end of file it does nothing: the query is not started again.
     basic_sqlistream& step() {

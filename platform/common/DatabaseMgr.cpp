@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/common/Md5.h"
+#include "platform/common/MountPointScope.h"
 #include "platform/log/ZQLog.h"
 
 namespace {
@@ -178,15 +179,15 @@ private:
     sqlite3* db_ = nullptr;
 };
 
-// Deletes the rows of one dangling partition from a table whose path column
-// is `column`, sparing rows below any partition seen in the current attach.
-// Paths below a base B are exactly those in ["B/", "B0"), '0' following '/'.
+// Deletes the rows of one dangling partition (its id ?1, its base ?2) from a
+// table whose path column is `column`, sparing rows below any partition seen
+// in the current attach.
 std::string danglingDelete(const char* table, const char* column) {
     const std::string t(table), c(column);
-    return "DELETE FROM " + t + " WHERE (PARTITION_ID = ?1 OR " + c + " = ?2 OR (" + c +
-           " >= ?2 || '/' AND " + c + " < ?2 || '0')) AND NOT EXISTS (SELECT 1 FROM " +
-           "OLVANE_PARTITIONS P WHERE P.SEEN = 1 AND (" + t + "." + c + " = P.BASE OR (" + t + "." +
-           c + " >= P.BASE || '/' AND " + t + "." + c + " < P.BASE || '0')));";
+    return "DELETE FROM " + t + " WHERE (PARTITION_ID = ?1 OR " +
+           MountPointScope::sqlCondition(c, "?2") + ") AND NOT EXISTS (SELECT 1 FROM " +
+           "OLVANE_PARTITIONS P WHERE P.SEEN = 1 AND " +
+           MountPointScope::sqlCondition(t + "." + c, "P.BASE") + ");";
 }
 
 const char* const kLookupCleanup =
