@@ -5,6 +5,7 @@
 #include <QString>
 #include <algorithm>
 #include <iterator>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -39,6 +40,32 @@ void DirectorySaver::propagateMusicPresence(Block<Directory*>* block) {
     ZQLOG_INFO("timer directory saver: %ld ", timer.stop());
 }
 
+std::vector<DirectorySaver::StoredRow> DirectorySaver::rowsOutOfReach(Block<Directory*>* block,
+                                                                      const std::string& scope) {
+    std::vector<StoredRow> rows;
+    const std::vector<std::string>& unreadable = block->operation.unreadable;
+    for (Directory* d : block->items) {
+        if (!d || std::find(unreadable.begin(), unreadable.end(), d->path) == unreadable.end())
+            continue;
+        istream.query(
+            "SELECT PARTITION_ID, PATH, NAME, OBJECTID, PARENT_ID FROM DIRECTORIES WHERE " + scope +
+            ";");
+        istream.bind(1, d->path);
+        while (istream.step().good()) {
+            StoredRow row;
+            for (std::string& column : row)
+                istream >> column;
+            d->hasMusic = true;
+            if (row[1] != d->path)
+                rows.push_back(row);
+        }
+        istream.finalize();
+    }
+    if (!rows.empty())
+        ZQLOG_WARN("%u directories kept below unreadable folders", unsigned(rows.size()));
+    return rows;
+}
+
 boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
     boost::shared_ptr<Block<Directory*>> in) {
     ZQLOG_INFO("DirectorySaver for: %u", unsigned(in->items.size()));
@@ -50,19 +77,25 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
         return out;
     }
 
-    propagateMusicPresence(in.get());
     open(in->operation.deviceId);
-
-    std::vector<std::string> device;
-    for (const Directory* d : in->items) {
-        if (d && d->hasMusic)
-            device.push_back(d->objectId.toString());
-    }
-    std::sort(device.begin(), device.end());
-
     // The mount point's rows, its own included: bound to ?1, matched byte for byte.
     const std::string& mountPoint = in->operation.mountPoint;
     const std::string scope = MountPointScope::sqlCondition("PATH");
+    const std::vector<StoredRow> kept = rowsOutOfReach(in.get(), scope);
+    propagateMusicPresence(in.get());
+
+    std::vector<std::string> device;
+    std::set<std::string> found;
+    for (const Directory* d : in->items) {
+        if (d && d->hasMusic)
+            found.insert(d->objectId.toString());
+    }
+    for (const StoredRow& row : kept)
+        device.push_back(row[3]);
+    device.insert(device.end(), found.begin(), found.end());
+    std::sort(device.begin(), device.end());
+    device.erase(std::unique(device.begin(), device.end()), device.end());
+
     std::vector<std::string> stored;
     istream.query("SELECT OBJECTID FROM DIRECTORIES WHERE " + scope + " ORDER BY OBJECTID;");
     istream.bind(1, mountPoint);
@@ -107,6 +140,13 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
                                    : in->items[size_t(d->parentIndex)]->objectId.toString();
             ostream << d->partitionId.toString() << d->path << d->name << d->objectId.toString()
                     << parent << sqlstl::step;
+        }
+        for (const StoredRow& row : kept) {
+            if (found.count(row[3]))
+                continue;
+            if (!ostream.good())
+                ostream.query(insert);
+            ostream << row[0] << row[1] << row[2] << row[3] << row[4] << sqlstl::step;
         }
         ostream.finalize();
         ostream.exec("END TRANSACTION;");

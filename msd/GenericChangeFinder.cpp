@@ -7,6 +7,7 @@
 
 #include "db/Timer.h"
 #include "msd/DbObject.h"
+#include "platform/common/MountPointScope.h"
 #include "platform/log/ZQLog.h"
 
 namespace kestrow {
@@ -77,8 +78,16 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
 
     // One merge gives both differences: files without a row are added, rows
     // without a file are deleted.
+    // Rows in or below a folder the crawler could not read are kept: their
+    // files are out of reach, not gone.
+    auto unreachable = [this](const DbObject& object) {
+        for (const std::string& folder : operation.unreadable)
+            if (MountPointScope::contains(folder, object.path))
+                return true;
+        return false;
+    };
     std::vector<const DbObject*> toDelete;
-    size_t f = 0, o = 0;
+    size_t f = 0, o = 0, kept = 0;
     int added = 0;
     while (f < files.size() || o < objects.size()) {
         int c = f == files.size() ? 1 : o == objects.size() ? -1 : compare(files[f], objects[o]);
@@ -88,7 +97,10 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
             ++added;
             ++f;
         } else if (c > 0) {
-            toDelete.push_back(&objects[o]);
+            if (unreachable(objects[o]))
+                ++kept;
+            else
+                toDelete.push_back(&objects[o]);
             ++o;
         } else {
             ++f;
@@ -97,6 +109,9 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
     }
     ZQLOG_INFO("%s: db Objects To be Deleted count: %u (op:%d)", name, unsigned(toDelete.size()),
                operation.id);
+    if (kept)
+        ZQLOG_WARN("%s: %u rows kept below unreadable folders (op:%d)", name, unsigned(kept),
+                   operation.id);
 
     if (!toDelete.empty()) {
         ostream.exec("BEGIN TRANSACTION;");

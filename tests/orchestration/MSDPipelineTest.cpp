@@ -2,6 +2,11 @@
 #include "orchestration/MSDPipeline.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QProcess>
+#include <filesystem>
 
 #include "orchestration/Kestrow.h"
 #include "platform/log/LogCapture.h"
@@ -97,4 +102,46 @@ TEST_F(MSDPipelineTest, EachPartitionKeepsItsOwnRows) {
                                "ORDER BY 1"))
             << name;
     }
+}
+
+TEST_F(MSDPipelineTest, AnUnreadableFolderKeepsWhatItHeld) {
+    // Root reads a folder of mode 000: as root, the indexing runs as nobody.
+    QStringList asUser;
+    if (::geteuid() == 0)
+        asUser = {"--reuid=65534", "--regid=65534", "--clear-groups"};
+    const std::string usb = makePartition("usb");
+    tmp.copySample("gears-old-times.mp3", "usb/locked/deep/t.mp3");
+    tmp.write("usb/locked/l.m3u", "deep/t.mp3\n");
+    namespace fs = std::filesystem;
+    fs::permissions(tmp.path(), fs::perms::all);
+    for (const auto& e : fs::recursive_directory_iterator(tmp.path()))
+        fs::permissions(e.path(), fs::perms::all);
+    if (!asUser.isEmpty() &&
+        QProcess::execute("setpriv", asUser + QStringList{"test", "-w", tmp.path().c_str()}) != 0)
+        GTEST_SKIP() << "cannot drop to uid 65534 with setpriv, and root reads any folder";
+
+    auto run = [&] {  // the indexer's stderr
+        QProcess p;
+        QStringList args = {"--db-dir",      tmp.file("db").c_str(),
+                            "--device-id",   "dev",
+                            "--no-progress", "--log",
+                            "warning",       usb.c_str()};
+        p.start(asUser.isEmpty() ? OLVANE_INDEXER : "setpriv",
+                asUser.isEmpty() ? args : asUser + QStringList{OLVANE_INDEXER} + args);
+        EXPECT_TRUE(p.waitForFinished(120000));
+        return p.readAllStandardError().toStdString();
+    };
+    run();
+    ASSERT_EQ(0, ::chmod(tmp.file("usb/locked").c_str(), 0));
+    tmp.copySample("gears-copper-sky.mp3", "usb/new/n.mp3");  // the folders are rewritten
+    const std::string log = run();
+    ::chmod(tmp.file("usb/locked").c_str(), 0777);
+
+    EXPECT_NE(std::string::npos, log.find("Error opening dir: " + usb + "/locked")) << log;
+    EXPECT_EQ(Strings({usb, usb + "/f", usb + "/f/s.mp3", usb + "/l.m3u", usb + "/locked",
+                       usb + "/locked/deep", usb + "/locked/deep/t.mp3", usb + "/locked/l.m3u",
+                       usb + "/new", usb + "/new/n.mp3"}),
+              column("SELECT PATH FROM SONGS UNION SELECT PATH FROM DIRECTORIES UNION "
+                     "SELECT PLAYPATH FROM PLAYLISTS ORDER BY 1"));
+    EXPECT_EQ("PROGRESS", DatabaseMgr::instance().getStatus("dev", usb));
 }
