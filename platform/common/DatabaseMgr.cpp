@@ -371,9 +371,30 @@ bool DatabaseMgr::dbSizeHasReachLimit(const std::string& dbName) {
     return fileSize(dbName) + fileSize(dbName + "-wal") >= kSizeLimit;
 }
 
+void DatabaseMgr::holdDevice(const std::string& devId) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++held_[devId];
+}
+
+void DatabaseMgr::releaseDevice(const std::string& devId) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = held_.find(devId);
+    if (it != held_.end() && --it->second <= 0)
+        held_.erase(it);
+}
+
 void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
     const std::string dir = databaseDirectory();
     const std::string own = getDbNameFromDevId(devId);
+    // The databases of the devices in hand are counted but never deleted.
+    std::vector<std::string> spared{own};
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& h : held_)
+            spared.push_back(h.first);
+    }
+    for (size_t i = 1; i < spared.size(); ++i)
+        spared[i] = getDbNameFromDevId(spared[i]);
     DIR* d = ::opendir(dir.c_str());
     if (!d) {
         ZQLOG_WARN("cannot read %s: %s", dir.c_str(), std::strerror(errno));
@@ -394,7 +415,7 @@ void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
         if (::stat(name.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
             continue;
         total += storedSize(name);
-        if (name != own)
+        if (std::find(spared.begin(), spared.end(), name) == spared.end())
             others.push_back({0, name});
     }
     ::closedir(d);

@@ -15,6 +15,7 @@ class SqlStreamTest : public ::testing::Test {
 protected:
     void SetUp() override {
         DatabaseMgr::instance().setDatabaseDirectory(dir.path());
+        DatabaseMgr::instance().createDb("dev", "/m", true);
         DatabaseMgr::instance().open("dev", out, 1000);
         DatabaseMgr::instance().open("dev", in, 1000);
         sqlite3_exec(out.db, "CREATE TABLE T (A INTEGER PRIMARY KEY, B TEXT);", 0, 0, 0);
