@@ -81,6 +81,7 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
     // The mount point's rows, its own included: bound to ?1, matched byte for byte.
     const std::string& mountPoint = in->operation.mountPoint;
     const std::string scope = MountPointScope::sqlCondition("PATH");
+    // Folders out of reach keep their rows through a rewrite, instead of losing them.
     const std::vector<StoredRow> kept = rowsOutOfReach(in.get(), scope);
     propagateMusicPresence(in.get());
 
