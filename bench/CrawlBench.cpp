@@ -15,12 +15,14 @@
 #include "msd/Directory.h"
 #include "msd/MSDCrawler.h"
 #include "platform/common/DatabaseMgr.h"
+#include "platform/common/MountPointScope.h"
 
 using namespace kestrow;
 
 namespace {
 
-const char* const kSelect = "SELECT ID,LASTMODIFIED, PATH  FROM SONGS WHERE PATH LIKE ";
+const std::string kSelect =
+    "SELECT ID,LASTMODIFIED, PATH  FROM SONGS WHERE " + MountPointScope::sqlCondition("PATH") + ";";
 const char* const kDelete = "DELETE FROM SONGS WHERE ID = ?;";
 
 // A device of `files` songs in folders of 100, indexed once.

@@ -9,10 +9,11 @@
 #include "platform/common/DatabaseMgr.h"
 #include "platform/log/ZQLog.h"
 
-// Opens `stream`'s connection on the device's database, creating the
-// database directory first, and sets the busy time-out. Throws
-// std::runtime_error("cannot open db") when the open fails; the stream is
-// then left with no connection and cleared flags.
+// Opens `stream`'s connection on the device's existing database (made by
+// createDb), creating the database directory first, and sets the busy
+// time-out. Throws std::runtime_error("cannot open db") when the open fails,
+// a missing file included; the stream is then left with no connection and
+// cleared flags.
 template <class Stream>
 bool DatabaseMgr::open(const std::string& devId, Stream& stream, int timeoutMs) {
     std::string name = getDbNameFromDevId(devId);
@@ -22,7 +23,8 @@ bool DatabaseMgr::open(const std::string& devId, Stream& stream, int timeoutMs) 
         sqlite3_close(stream.db);
         stream.db = nullptr;
     }
-    int rc = sqlite3_open(name.c_str(), &stream.db);
+    // Never creates the file: a database deleted meanwhile must not come back empty.
+    int rc = sqlite3_open_v2(name.c_str(), &stream.db, SQLITE_OPEN_READWRITE, nullptr);
     if (rc != SQLITE_OK) {
         if (stream.db)
             sqlite3_close(stream.db);

@@ -19,7 +19,8 @@ Operation::Operation(const Operation& other)
       deviceId(other.deviceId),
       mountPoint(other.mountPoint),
       lastBlock(other.lastBlock),
-      deviceGone(other.deviceGone) {}
+      deviceGone(other.deviceGone),
+      unreadable(other.unreadable) {}
 
 Operation::~Operation() = default;
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace kestrow {
 
@@ -23,6 +24,10 @@ public:
     bool lastBlock;
     // Set by a stage that found the device gone; never cleared.
     bool deviceGone;
+    // Folders of the device that the crawler could not read completely, set
+    // on the blocks it sends: the rows in and below them are kept, and the
+    // operation ends with status "PROGRESS".
+    std::vector<std::string> unreadable;
 };
 
 }  // namespace kestrow

@@ -4,13 +4,12 @@
 
 #include "facade/KestrowQTProxy.h"
 #include "msd/GenericChangeFinder.h"
-#include "msd/MountPointPattern.h"
 #include "platform/common/DatabaseMgr.h"
 
 namespace kestrow {
 
-ChangeFinder::ChangeFinder(const char* name_, const char* selectText_, const char* deleteText_,
-                           bool completeSelect_)
+ChangeFinder::ChangeFinder(const char* name_, const std::string& selectText_,
+                           const std::string& deleteText_, bool completeSelect_)
     : ServerDB<Block<FileInfo*>, Block<FileInfo*>>(name_),
       selectText(selectText_),
       deleteText(deleteText_),
@@ -29,12 +28,8 @@ boost::shared_ptr<Block<FileInfo*>> ChangeFinder::doOperation(
     }
 
     open(op.deviceId);
-    std::string select(selectText);
-    if (!completeSelect)
-        select += mountPointPattern(op.mountPoint) + ";";
-
     GenericChangeFinder finder(name, ostream, istream, op);
-    finder.findDifference(select, deleteText, in.get(), out.get());
+    finder.findDifference(selectText, deleteText, in.get(), out.get(), !completeSelect);
     istream.close();
     ostream.close();
 

@@ -13,8 +13,9 @@ namespace kestrow {
 // those with no database row of the same path and modification time, and
 // deletes the rows that match no file. A stage is configured with its select
 // text (ID, LASTMODIFIED and path columns) and its delete text (one integer
-// parameter, the ID). With completeSelect the select text is used as given;
-// otherwise it ends in "LIKE " and the mount point's pattern is appended.
+// parameter, the ID). With completeSelect the select text is run as given;
+// otherwise the operation's mount point is bound to its parameter ?1 (see
+// MountPointScope for the condition that selects a mount point's rows).
 //
 // Passed-on records move from the input block to the output block. Runs on
 // the stage's own thread; the connections are opened and closed for each
@@ -22,16 +23,15 @@ namespace kestrow {
 // touching the database. Throws std::runtime_error("cannot open db").
 class ChangeFinder : public ServerDB<Block<FileInfo*>, Block<FileInfo*>> {
 public:
-    // The texts are not copied: they must outlive the stage.
-    ChangeFinder(const char* name, const char* selectText, const char* deleteText,
+    ChangeFinder(const char* name, const std::string& selectText, const std::string& deleteText,
                  bool completeSelect);
 
     boost::shared_ptr<Block<FileInfo*>> doOperation(
         boost::shared_ptr<Block<FileInfo*>> in) override;
 
 private:
-    const char* selectText;
-    const char* deleteText;
+    const std::string selectText;
+    const std::string deleteText;
     bool completeSelect;
 };
 

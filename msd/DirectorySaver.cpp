@@ -5,13 +5,14 @@
 #include <QString>
 #include <algorithm>
 #include <iterator>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "db/Timer.h"
 #include "facade/KestrowQTProxy.h"
-#include "msd/MountPointPattern.h"
+#include "platform/common/MountPointScope.h"
 
 namespace kestrow {
 
@@ -39,6 +40,32 @@ void DirectorySaver::propagateMusicPresence(Block<Directory*>* block) {
     ZQLOG_INFO("timer directory saver: %ld ", timer.stop());
 }
 
+std::vector<DirectorySaver::StoredRow> DirectorySaver::rowsOutOfReach(Block<Directory*>* block,
+                                                                      const std::string& scope) {
+    std::vector<StoredRow> rows;
+    const std::vector<std::string>& unreadable = block->operation.unreadable;
+    for (Directory* d : block->items) {
+        if (!d || std::find(unreadable.begin(), unreadable.end(), d->path) == unreadable.end())
+            continue;
+        istream.query(
+            "SELECT PARTITION_ID, PATH, NAME, OBJECTID, PARENT_ID FROM DIRECTORIES WHERE " + scope +
+            ";");
+        istream.bind(1, d->path);
+        while (istream.step().good()) {
+            StoredRow row;
+            for (std::string& column : row)
+                istream >> column;
+            d->hasMusic = true;
+            if (row[1] != d->path)
+                rows.push_back(row);
+        }
+        istream.finalize();
+    }
+    if (!rows.empty())
+        ZQLOG_WARN("%u directories kept below unreadable folders", unsigned(rows.size()));
+    return rows;
+}
+
 boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
     boost::shared_ptr<Block<Directory*>> in) {
     ZQLOG_INFO("DirectorySaver for: %u", unsigned(in->items.size()));
@@ -50,29 +77,35 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
         return out;
     }
 
-    propagateMusicPresence(in.get());
     open(in->operation.deviceId);
+    // The mount point's rows, its own included: bound to ?1, matched byte for byte.
+    const std::string& mountPoint = in->operation.mountPoint;
+    const std::string scope = MountPointScope::sqlCondition("PATH");
+    // Folders out of reach keep their rows through a rewrite, instead of losing them.
+    const std::vector<StoredRow> kept = rowsOutOfReach(in.get(), scope);
+    propagateMusicPresence(in.get());
 
     std::vector<std::string> device;
+    std::set<std::string> found;
     for (const Directory* d : in->items) {
         if (d && d->hasMusic)
-            device.push_back(d->objectId.toString());
+            found.insert(d->objectId.toString());
     }
+    for (const StoredRow& row : kept)
+        device.push_back(row[3]);
+    device.insert(device.end(), found.begin(), found.end());
     std::sort(device.begin(), device.end());
+    device.erase(std::unique(device.begin(), device.end()), device.end());
 
-    const std::string pattern = mountPointPattern(in->operation.mountPoint);
     std::vector<std::string> stored;
-    const std::string select =
-        "SELECT OBJECTID FROM DIRECTORIES WHERE PATH LIKE " + pattern + " ORDER BY OBJECTID;";
-    istream.query(select);
+    istream.query("SELECT OBJECTID FROM DIRECTORIES WHERE " + scope + " ORDER BY OBJECTID;");
+    istream.bind(1, mountPoint);
     for (;;) {
         istream.step();
         if (!istream.good())
             break;
-        std::string id;
+        std::string id;  // "" for a NULL id: a change, so the row is rewritten
         istream >> id;
-        if (!istream.good())
-            break;
         stored.push_back(id);
     }
     istream.finalize();
@@ -87,15 +120,11 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
         ZQLOG_INFO("RNC: Found changes %u", unsigned(changes.size()));
         if (state == 0) {
             emit KestrowQTProxy::instance().contentModified(
-                QString::fromLatin1(in->operation.mountPoint.c_str()));
+                QString::fromLatin1(mountPoint.c_str()));
         }
-        sqlite3_exec(ostream.db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
-        const std::string erase = "DELETE FROM DIRECTORIES WHERE PATH LIKE " + pattern + ";";
-        char* error = nullptr;
-        int rc = sqlite3_exec(ostream.db, erase.c_str(), nullptr, nullptr, &error);
-        if (rc != SQLITE_OK)
-            ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(ostream.db));
-        sqlite3_free(error);
+        ostream.exec("BEGIN TRANSACTION;");
+        ostream.query("DELETE FROM DIRECTORIES WHERE " + scope + ";");
+        ostream << mountPoint << sqlstl::step;
 
         const char* insert =
             "INSERT INTO DIRECTORIES (PARTITION_ID, PATH,  NAME, OBJECTID, PARENT_ID)              "
@@ -113,8 +142,15 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
             ostream << d->partitionId.toString() << d->path << d->name << d->objectId.toString()
                     << parent << sqlstl::step;
         }
+        for (const StoredRow& row : kept) {
+            if (found.count(row[3]))
+                continue;
+            if (!ostream.good())
+                ostream.query(insert);
+            ostream << row[0] << row[1] << row[2] << row[3] << row[4] << sqlstl::step;
+        }
         ostream.finalize();
-        sqlite3_exec(ostream.db, "END TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.exec("END TRANSACTION;");
     }
 
     ZQLOG_INFO("DirectorySaver timer: %ld", timer.stop());

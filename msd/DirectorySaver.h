@@ -1,6 +1,9 @@
 #pragma once
 
+#include <array>
 #include <boost/shared_ptr.hpp>
+#include <string>
+#include <vector>
 
 #include "framework/Block.h"
 #include "framework/ServerDB.h"
@@ -16,7 +19,8 @@ namespace kestrow {
 // Takes ownership of the crawler's directory block; emits one empty
 // Block<void> per operation. Runs on the stage's own thread with its own
 // connections, which are opened and closed for each operation. A block whose
-// device is gone is passed on without touching the database.
+// device is gone is passed on without touching the database. The rows in and
+// below folders the crawler could not read are kept as they are.
 class DirectorySaver : public ServerDB<Block<Directory*>, Block<void>> {
 public:
     explicit DirectorySaver(const char* name);
@@ -27,6 +31,16 @@ public:
     // parent indexes (-1 ends the chain). Throws std::out_of_range for a
     // parent index outside the block.
     void propagateMusicPresence(Block<Directory*>* block);
+
+private:
+    // PARTITION_ID, PATH, NAME, OBJECTID and PARENT_ID of a stored row.
+    typedef std::array<std::string, 5> StoredRow;
+
+    // The stored rows below the folders of `block` that the crawler could not
+    // read (its operation's `unreadable`), read with `scope` on `istream`.
+    // Such a folder is marked as leading to music when rows lie in or below
+    // it, so that it and its ancestors stay stored too.
+    std::vector<StoredRow> rowsOutOfReach(Block<Directory*>* block, const std::string& scope);
 };
 
 }  // namespace kestrow

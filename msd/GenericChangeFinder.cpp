@@ -7,6 +7,7 @@
 
 #include "db/Timer.h"
 #include "msd/DbObject.h"
+#include "platform/common/MountPointScope.h"
 #include "platform/log/ZQLog.h"
 
 namespace kestrow {
@@ -44,11 +45,16 @@ GenericChangeFinder::GenericChangeFinder(const char* name_,
     : name(name_), ostream(ostream_), istream(istream_), operation(operation_) {}
 
 int GenericChangeFinder::findDifference(const std::string& select, const std::string& deleteText,
-                                        Block<FileInfo*>* in, Block<FileInfo*>* out) {
+                                        Block<FileInfo*>* in, Block<FileInfo*>* out,
+                                        bool bindMountPoint) {
     Timer timer;
 
     std::vector<DbObject> objects;
     istream.query(select);
+    // Bound, not pasted into the text: no character of a volume label is
+    // read as SQL or as a pattern.
+    if (bindMountPoint)
+        istream.bind(1, operation.mountPoint);
     for (;;) {
         istream.step();
         if (!istream.good())
@@ -56,9 +62,9 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
         int id = 0;
         double lastModified = 0;
         std::string path;
+        // A NULL path reads as "" and the reading goes on: such a row matches
+        // no file and is deleted, instead of hiding the rows after it.
         istream >> id >> lastModified >> path;
-        if (!istream.good())
-            break;  // a NULL path ends the reading
         objects.push_back(DbObject(id, int(lastModified), path));
     }
     istream.finalize();
@@ -72,8 +78,16 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
 
     // One merge gives both differences: files without a row are added, rows
     // without a file are deleted.
+    // Rows in or below a folder the crawler could not read are kept: their
+    // files are out of reach, not gone.
+    auto unreachable = [this](const DbObject& object) {
+        for (const std::string& folder : operation.unreadable)
+            if (MountPointScope::contains(folder, object.path))
+                return true;
+        return false;
+    };
     std::vector<const DbObject*> toDelete;
-    size_t f = 0, o = 0;
+    size_t f = 0, o = 0, kept = 0;
     int added = 0;
     while (f < files.size() || o < objects.size()) {
         int c = f == files.size() ? 1 : o == objects.size() ? -1 : compare(files[f], objects[o]);
@@ -83,7 +97,10 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
             ++added;
             ++f;
         } else if (c > 0) {
-            toDelete.push_back(&objects[o]);
+            if (unreachable(objects[o]))
+                ++kept;
+            else
+                toDelete.push_back(&objects[o]);
             ++o;
         } else {
             ++f;
@@ -92,16 +109,19 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
     }
     ZQLOG_INFO("%s: db Objects To be Deleted count: %u (op:%d)", name, unsigned(toDelete.size()),
                operation.id);
+    if (kept)
+        ZQLOG_WARN("%s: %u rows kept below unreadable folders (op:%d)", name, unsigned(kept),
+                   operation.id);
 
     if (!toDelete.empty()) {
-        sqlite3_exec(ostream.db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.exec("BEGIN TRANSACTION;");
         ostream.query(deleteText);
         for (const DbObject* object : toDelete) {
             if (!ostream.good())
                 ostream.query(deleteText);  // a failed row does not stop the others
             ostream << object->id << sqlstl::step;
         }
-        sqlite3_exec(ostream.db, "END TRANSACTION;", nullptr, nullptr, nullptr);
+        ostream.exec("END TRANSACTION;");
         ostream.finalize();
     }
 

@@ -17,14 +17,15 @@ public:
     GenericChangeFinder(const char* name, sqlstl::basic_sqlostream<char>& ostream,
                         sqlstl::basic_sqlistream<char>& istream, const Operation& operation);
 
-    // Reads the rows with `select` (ID, LASTMODIFIED, path), deletes with
+    // Reads the rows with `select` (ID, LASTMODIFIED, path; with
+    // bindMountPoint, the operation's mount point is bound to its ?1), deletes with
     // `deleteText` (one integer parameter, the ID) every row that matches no
     // record of `in`, and moves the records of `in` that match no row to
     // `out`, sorted by path; their slots in `in` are nulled. Sorts `in`.
     // Database errors are logged and leave the affected rows alone. Returns
     // the number of records moved.
     int findDifference(const std::string& select, const std::string& deleteText,
-                       Block<FileInfo*>* in, Block<FileInfo*>* out);
+                       Block<FileInfo*>* in, Block<FileInfo*>* out, bool bindMountPoint);
 
 private:
     const char* name;

@@ -113,6 +113,7 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
     }
 
     uint16_t tracks = 0;
+    std::vector<std::string> unreadable;
     for (size_t index = 0; index < dirs.size(); ++index) {
         Directory* current = dirs[index];
         DIR* dir = opendir(current->path.c_str());
@@ -128,19 +129,28 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
                 break;
             }
             ZQLOG_WARN("go on");
+            // Out of reach, not gone: what the folder held stays in the database.
+            unreadable.push_back(current->path);
             continue;
         }
+        int readError = 0;  // the first error that hid entries of this folder
         while (state == 0 && tracks < kTrackLimit) {
+            errno = 0;
             struct dirent* entry = readdir(dir);
-            if (!entry)
+            if (!entry) {
+                readError = readError ? readError : errno;
                 break;
+            }
             const char* name = entry->d_name;
             if (isSkippedName(name))
                 continue;
             std::string path = current->path + "/" + name;
             struct stat st;
-            if (lstat(path.c_str(), &st) != 0)
+            if (lstat(path.c_str(), &st) != 0) {
+                if (errno == EACCES || errno == EIO)
+                    readError = readError ? readError : errno;
                 continue;
+            }
             if (S_ISLNK(st.st_mode)) {
                 std::string target = resolve(path);
                 if (target.empty())
@@ -172,11 +182,19 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
             }
         }
         closedir(dir);
+        if (readError) {
+            ZQLOG_WARN("Error reading dir: %s: %s", current->path.c_str(),
+                       std::strerror(readError));
+            unreadable.push_back(current->path);
+        }
     }
 
     if (tracks == kTrackLimit)
         ZQLOG_WARN("%d track reached", int(tracks));
 
+    in->operation.unreadable = unreadable;
+    songs->operation.unreadable = unreadable;
+    playlists->operation.unreadable = unreadable;
     playlists->operation.lastBlock = true;
     if (playlistSink)
         playlistSink->enqueue(playlists);

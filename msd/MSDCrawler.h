@@ -17,6 +17,10 @@ namespace kestrow {
 // input block, now holding every directory walked, enqueued into the
 // directory sink. At most kTrackLimit songs are collected per operation.
 //
+// A folder that cannot be opened or read completely while the mount point
+// is still there is logged and passed over; its path goes into the
+// `unreadable` list of all three blocks' operation.
+//
 // Symbolic links are followed, but an entry whose target resolves outside the
 // mount point is skipped, and a directory (device and inode) is walked at
 // most once per operation.

@@ -89,26 +89,19 @@ namespace kestrow {
 
 SongSaver::SongSaver(const char* name_) : ServerDB<Block<MetaDataInfo*>, Block<void>>(name_) {}
 
-void SongSaver::exec(const char* sql) {
-    char* error = nullptr;
-    int rc = sqlite3_exec(ostream.db, sql, nullptr, nullptr, &error);
-    if (rc != SQLITE_OK)
-        ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(ostream.db));
-    sqlite3_free(error);
-}
-
 void SongSaver::saveSongs(const std::vector<MetaDataInfo*>& songs) {
     ostream.query(kInsertSong);
     for (MetaDataInfo* s : songs) {
         if (!s)
             continue;
-        if (!ostream.stmt)
-            ostream.query(kInsertSong);  // a failed row discards the statement
+        // A row that failed (bind or step) left the statement discarded or its
+        // parameter count advanced: prepare again, so every row binds from 1.
+        if (!ostream.good())
+            ostream.query(kInsertSong);
         ostream << s->partitionId << s->path << s->objectId << s->directoryId << s->name << s->title
                 << s->artistId << s->albumId << s->genreId << s->composerId << s->audioType
                 << s->bookmark << s->lastModified << s->trackNumber << s->discNumber
                 << s->asianTitle << sqlstl::step;
-        ostream.clear();
     }
     ostream.finalize();
 }
@@ -124,10 +117,9 @@ void SongSaver::saveLookup(std::vector<MetaDataInfo*> songs,
     songs.erase(std::unique(songs.begin(), songs.end(), unique), songs.end());
     ostream.query(sql);
     for (MetaDataInfo* s : songs) {
-        if (!ostream.stmt)
+        if (!ostream.good())
             ostream.query(sql);
         ostream << s->*id << s->*name << s->*asian << sqlstl::step;
-        ostream.clear();
     }
     ostream.finalize();
 }
@@ -140,7 +132,7 @@ boost::shared_ptr<Block<void>> SongSaver::doOperation(boost::shared_ptr<Block<Me
     ZQLOG_INFO("SongSaver (op: %d)", op.id);
     Timer timer;
 
-    exec("BEGIN TRANSACTION;");
+    ostream.exec("BEGIN TRANSACTION;");
     saveSongs(in->items);
     saveLookup(in->items, sortOnGenre, uniqueOnGenre, kReplaceGenre, &MetaDataInfo::genreId,
                &MetaDataInfo::genre, &MetaDataInfo::asianGenre);
@@ -150,12 +142,12 @@ boost::shared_ptr<Block<void>> SongSaver::doOperation(boost::shared_ptr<Block<Me
                &MetaDataInfo::artist, &MetaDataInfo::asianArtist);
     saveLookup(in->items, sortOnComposer, uniqueOnComposer, kReplaceComposer,
                &MetaDataInfo::composerId, &MetaDataInfo::composer, &MetaDataInfo::asianComposer);
-    exec("END TRANSACTION;");
+    ostream.exec("END TRANSACTION;");
     ZQLOG_INFO("SongSaver timer: %ld (op: %d)", timer.stop(), op.id);
 
     if (op.lastBlock) {
         ZQLOG_INFO("Clear");
-        exec(kCleanUp);
+        ostream.exec(kCleanUp);
         ZQLOG_INFO("SongSaver close db");
         ostream.close();
         istream.close();

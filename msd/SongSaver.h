@@ -30,7 +30,6 @@ public:
     boost::shared_ptr<Block<void>> doOperation(boost::shared_ptr<Block<MetaDataInfo*>> in) override;
 
 private:
-    void exec(const char* sql);
     void saveSongs(const std::vector<MetaDataInfo*>& songs);
     void saveLookup(std::vector<MetaDataInfo*> songs,
                     bool (*sort)(const MetaDataInfo*, const MetaDataInfo*),

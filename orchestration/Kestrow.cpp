@@ -24,8 +24,10 @@ Kestrow::Kestrow() : Server<Block<void>, Block<void>>("Kestrow"), operationCount
 Kestrow::~Kestrow() {
     pthread_mutex_lock(&mutex);
     ZQLOG_INFO("Kestrow::~Kestrow");
-    for (auto& entry : operations)
+    for (auto& entry : operations) {
         delete entry.second;
+        DatabaseMgr::instance().releaseDevice(entry.first.deviceId);
+    }
     pthread_mutex_unlock(&mutex);
     pthread_mutex_destroy(&mutex);
     operations.clear();
@@ -70,6 +72,7 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
                 delete entry.second;
             }
             entry.second = nullptr;
+            DatabaseMgr::instance().releaseDevice(deviceId);
             toErase.push_back(entry.first);
         } else {
             ZQLOG_INFO("RNC NOTHING TO DO %s", entry.first.deviceId.c_str());
@@ -96,6 +99,8 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
 
     KestrowOperation operation(unsigned(handle), deviceId, mountPoint, operationCounter);
     operations[operation] = pipeline;
+    // Housekeeping spares the database of every registered request.
+    DatabaseMgr::instance().holdDevice(deviceId);
     try {
         pipeline->enqueueNewOperation(operation, isFirstPartition);
     } catch (const std::exception& e) {
@@ -126,6 +131,7 @@ boost::shared_ptr<Block<void>> Kestrow::doOperation(boost::shared_ptr<Block<void
         pipeline->join();
         ZQLOG_INFO("Kestrow delete pipeline: %x op id: %d", addr(pipeline), op.id);
         delete pipeline;
+        DatabaseMgr::instance().releaseDevice(op.deviceId);
     }
     operations.erase(key);
     if (!operations.empty()) {

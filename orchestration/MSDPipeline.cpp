@@ -6,6 +6,7 @@
 #include "msd/MSDMiner.h"
 #include "msd/Normalizer.h"
 #include "msd/SongSaver.h"
+#include "platform/common/MountPointScope.h"
 #include "playlist/MSDPlaylistMiner.h"
 #include "playlist/PlaylistSaver.h"
 
@@ -15,16 +16,19 @@ MSDPipeline::MSDPipeline(Kestrow* owner_)
     : SongDirectoryPipeline("MSDPipeline", owner_, MSD_OPERATION) {
     crawlerStage = new MSDCrawler("MSDCrawler");
     DirectorySaver* directorySaver = new DirectorySaver("DirectorySaver");
-    ChangeFinder* songFinder = new ChangeFinder(
-        "ChangeFinder-MSDSongs", "SELECT ID,LASTMODIFIED, PATH  FROM SONGS WHERE PATH LIKE ",
-        "DELETE FROM SONGS WHERE ID = ?;", false);
+    // The selects end in the mount point's condition, the mount point bound to ?1.
+    ChangeFinder* songFinder = new ChangeFinder("ChangeFinder-MSDSongs",
+                                                "SELECT ID,LASTMODIFIED, PATH  FROM SONGS WHERE " +
+                                                    MountPointScope::sqlCondition("PATH") + ";",
+                                                "DELETE FROM SONGS WHERE ID = ?;", false);
     Normalizer* normalizer = new Normalizer("Normalizer");
     MSDMiner* miner = new MSDMiner("MSDMiner");
     SongSaver* songSaver = new SongSaver("SongSaver");
     MSDPlaylistMiner* playlistMiner = new MSDPlaylistMiner("MSDPlaylistMiner");
     ChangeFinder* playlistFinder = new ChangeFinder(
         "ChangeFinder-MSDPlaylist",
-        "SELECT ID, LASTMODIFIED, PLAYPATH FROM VIEW_PLAYLISTNAMES WHERE PLAYPATH LIKE ",
+        "SELECT ID, LASTMODIFIED, PLAYPATH FROM VIEW_PLAYLISTNAMES WHERE " +
+            MountPointScope::sqlCondition("PLAYPATH") + ";",
         "DELETE FROM PLAYLISTS WHERE PLAYID IN ( SELECT PLAYID FROM PLAYLISTS WHERE ID = ? );",
         false);
     PlaylistSaver* playlistSaver = new PlaylistSaver("PlaylistSaver");

@@ -54,7 +54,9 @@ boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
         return boost::shared_ptr<Block<void>>();
     }
     ++currentOperation.resultCount;
-    currentOperation.incomplete = currentOperation.incomplete || op.deviceGone;
+    // A folder that could not be read leaves the database incomplete too.
+    currentOperation.incomplete =
+        currentOperation.incomplete || op.deviceGone || !op.unreadable.empty();
     ZQLOG_INFO("Result for id %d: %d", op.id, currentOperation.resultCount);
     if (currentOperation.resultCount != kTerminalStages)
         return boost::shared_ptr<Block<void>>();

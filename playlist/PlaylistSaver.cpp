@@ -39,7 +39,7 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
     Timer timer;
     open(input->operation.deviceId);
 
-    sqlite3_exec(ostream.db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
+    ostream.exec("BEGIN TRANSACTION;");
     ostream.query(kInsertPlaylist);
     for (const Playlist* playlist : input->items) {
         if (!playlist)
@@ -50,7 +50,7 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
         ostream << sqlstl::step<char, std::char_traits<char>>;
         written = true;
     }
-    sqlite3_exec(ostream.db, "END TRANSACTION;", nullptr, nullptr, nullptr);
+    ostream.exec("END TRANSACTION;");
     ostream.finalize();
 
     ZQLOG_INFO("PlaylistSaver timer: %ld (op: %d)", timer.stop(), input->operation.id);

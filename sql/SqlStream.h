@@ -48,6 +48,18 @@ public:
         db = nullptr;
     }
 
+    // Runs `sql` (statements that return no rows, such as "BEGIN
+    // TRANSACTION;") on the connection, apart from `stmt` and the flags. A
+    // failure is logged as "exec failed: %d %s" with SQLite's message.
+    bool exec(const char* sql) {
+        char* error = nullptr;
+        int rc = sqlite3_exec(db, sql, nullptr, nullptr, &error);
+        if (rc != SQLITE_OK)
+            ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(db));
+        sqlite3_free(error);
+        return rc == SQLITE_OK;
+    }
+
     void finalize() {
         if (stmt)
             sqlite3_finalize(stmt);
@@ -162,6 +174,16 @@ public:
     }
     basic_sqlistream& query(const std::string& sql) { return query(sql.c_str()); }
 
+    // Binds a copy of `text` to parameter `parameter` (from 1) of the query,
+    // before its first step. A failure sets failbit, so the query reads no
+    // row; nothing is bound unless the stream is good.
+    basic_sqlistream& bind(int parameter, const std::string& text) {
+        if (this->good() && sqlite3_bind_text(this->stmt, parameter, text.data(), int(text.size()),
+                                              SQLITE_TRANSIENT) != SQLITE_OK)
+            this->setstate(std::ios_base::failbit);
+        return *this;
+    }
+
     // Moves to the next row: eofbit when there is none, badbit on failure.
     // At end of file it does nothing: the query is not started again.
     basic_sqlistream& step() {
@@ -201,20 +223,14 @@ public:
         ++this->index;
         return *this;
     }
-    // A NULL column leaves the string as it was and sets failbit, so that a
-    // reading loop stops there.
+    // A NULL column leaves the string as it was, and the stream good: a
+    // reading loop goes on with the next row instead of stopping there.
     basic_sqlistream& operator>>(std::string& value) {
-        if (!hasRow()) {
-            ++this->index;
-            return *this;
-        }
-        const unsigned char* text = sqlite3_column_text(this->stmt, this->index);
-        if (text) {
+        const unsigned char* text =
+            hasRow() ? sqlite3_column_text(this->stmt, this->index) : nullptr;
+        if (text)
             value.assign(reinterpret_cast<const char*>(text),
                          size_t(sqlite3_column_bytes(this->stmt, this->index)));
-        } else {
-            this->setstate(std::ios_base::failbit);
-        }
         ++this->index;
         return *this;
     }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/common/Md5.h"
+#include "platform/common/MountPointScope.h"
 #include "platform/log/ZQLog.h"
 
 namespace {
@@ -178,15 +179,15 @@ private:
     sqlite3* db_ = nullptr;
 };
 
-// Deletes the rows of one dangling partition from a table whose path column
-// is `column`, sparing rows below any partition seen in the current attach.
-// Paths below a base B are exactly those in ["B/", "B0"), '0' following '/'.
+// Deletes the rows of one dangling partition (its id ?1, its base ?2) from a
+// table whose path column is `column`, sparing rows below any partition seen
+// in the current attach.
 std::string danglingDelete(const char* table, const char* column) {
     const std::string t(table), c(column);
-    return "DELETE FROM " + t + " WHERE (PARTITION_ID = ?1 OR " + c + " = ?2 OR (" + c +
-           " >= ?2 || '/' AND " + c + " < ?2 || '0')) AND NOT EXISTS (SELECT 1 FROM " +
-           "OLVANE_PARTITIONS P WHERE P.SEEN = 1 AND (" + t + "." + c + " = P.BASE OR (" + t + "." +
-           c + " >= P.BASE || '/' AND " + t + "." + c + " < P.BASE || '0')));";
+    return "DELETE FROM " + t + " WHERE (PARTITION_ID = ?1 OR " +
+           MountPointScope::sqlCondition(c, "?2") + ") AND NOT EXISTS (SELECT 1 FROM " +
+           "OLVANE_PARTITIONS P WHERE P.SEEN = 1 AND " +
+           MountPointScope::sqlCondition(t + "." + c, "P.BASE") + ");";
 }
 
 const char* const kLookupCleanup =
@@ -370,9 +371,30 @@ bool DatabaseMgr::dbSizeHasReachLimit(const std::string& dbName) {
     return fileSize(dbName) + fileSize(dbName + "-wal") >= kSizeLimit;
 }
 
+void DatabaseMgr::holdDevice(const std::string& devId) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++held_[devId];
+}
+
+void DatabaseMgr::releaseDevice(const std::string& devId) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = held_.find(devId);
+    if (it != held_.end() && --it->second <= 0)
+        held_.erase(it);
+}
+
 void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
     const std::string dir = databaseDirectory();
     const std::string own = getDbNameFromDevId(devId);
+    // The databases of the devices in hand are counted but never deleted.
+    std::vector<std::string> spared{own};
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& h : held_)
+            spared.push_back(h.first);
+    }
+    for (size_t i = 1; i < spared.size(); ++i)
+        spared[i] = getDbNameFromDevId(spared[i]);
     DIR* d = ::opendir(dir.c_str());
     if (!d) {
         ZQLOG_WARN("cannot read %s: %s", dir.c_str(), std::strerror(errno));
@@ -393,7 +415,7 @@ void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
         if (::stat(name.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
             continue;
         total += storedSize(name);
-        if (name != own)
+        if (std::find(spared.begin(), spared.end(), name) == spared.end())
             others.push_back({0, name});
     }
     ::closedir(d);

@@ -14,6 +14,7 @@
 //     SEEN is 1 for those seen in the current attach of the device.
 
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -63,8 +64,15 @@ public:
     // -shm files) at or under `limit` bytes together by deleting other
     // devices' databases, least recently indexed first (oldest INDEXED_AT;
     // a database without a readable status counts by its file's
-    // modification time; ties go by file name). Never deletes devId's.
+    // modification time; ties go by file name). Never deletes devId's, nor
+    // that of a held device.
     void checkAndDelete(const std::string& devId, long limit);
+    // Marks a device whose database checkAndDelete must spare, such as one
+    // with an indexing request registered; counted: a device held twice is
+    // spared until it is released twice. Releasing a device not held does
+    // nothing.
+    void holdDevice(const std::string& devId);
+    void releaseDevice(const std::string& devId);
     // Removes the file with its -wal and -shm files.
     void deleteDb(const std::string& devId);
     // Checkpoints the WAL (TRUNCATE) and fsyncs the file, its WAL and its
@@ -89,4 +97,5 @@ private:
     mutable std::mutex mutex_;
     std::string dir_;                   // guarded by mutex_; empty: use the environment
     std::function<long long()> clock_;  // guarded by mutex_; empty: time(nullptr)
+    std::map<std::string, int> held_;   // guarded by mutex_; device id -> holds
 };

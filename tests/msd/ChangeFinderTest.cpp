@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/common/MountPointScope.h"
 #include "tests/msd/MsdTestSupport.h"
 
 using namespace olvane::test;
@@ -38,7 +39,8 @@ protected:
     std::string status() { return DatabaseMgr::instance().getStatus("dev1", "/media/usb1"); }
 
     kestrow::ChangeFinder finder{"ChangeFinder-MSDSongs",
-                                 "SELECT ID,LASTMODIFIED, PATH  FROM SONGS WHERE PATH LIKE ",
+                                 "SELECT ID,LASTMODIFIED, PATH  FROM SONGS WHERE " +
+                                     MountPointScope::sqlCondition("PATH") + ";",
                                  "DELETE FROM SONGS WHERE ID = ?;", false};
     QSignalSpy spy{&KestrowQTProxy::instance(), &KestrowQTProxy::contentModified};
 };
@@ -55,24 +57,24 @@ TEST_F(ChangeFinderTest, PassesOnNewAndChangedFilesAndDeletesStaleRows) {
               "/media/usb2/z.mp3", "/media/usb10/p.mp3"});
     DatabaseMgr::instance().insertStatus("dev1", "/media/usb1", "OK");
     // Touched b and renamed old: deleted and passed on; removed c: deleted only.
-    // /media/usb10 shares the prefix and is read as this device's.
+    // /media/usb10 shares the prefix, but is another partition.
     EXPECT_EQ(Strings({"/media/usb1/b.mp3@200", "/media/usb1/new.mp3@100"}),
               find("/media/usb1", {{"new.mp3", 100}, {"b.mp3", 200}, {"a.mp3", 100}}));
-    EXPECT_EQ(Strings({"/media/usb1/a.mp3", "/media/usb2/z.mp3"}), songs());
+    EXPECT_EQ(Strings({"/media/usb1/a.mp3", "/media/usb10/p.mp3", "/media/usb2/z.mp3"}), songs());
     EXPECT_EQ(2, spy.count());
 
     // A removal alone is deleted, but neither recorded nor signalled.
     DatabaseMgr::instance().insertStatus("dev1", "/media/usb1", "OK");
     addSongs({"/media/usb1/d.mp3"});
     EXPECT_TRUE(find("/media/usb1", {{"a.mp3", 100}}).empty());
-    EXPECT_EQ(Strings({"/media/usb1/a.mp3", "/media/usb2/z.mp3"}), songs());
+    EXPECT_EQ(Strings({"/media/usb1/a.mp3", "/media/usb10/p.mp3", "/media/usb2/z.mp3"}), songs());
     EXPECT_EQ("OK", status());
     EXPECT_EQ(2, spy.count());
 
     // A gone device's partial list is not compared, or it would delete the rest.
     EXPECT_TRUE(find("/media/usb1", {{"x.mp3", 1}}, true).empty());
-    EXPECT_EQ(2u, songs().size());
-    // Undoubled, the quote in this mount point would make the select cover every row.
+    EXPECT_EQ(3u, songs().size());
+    // Pasted into the text, this mount point would make the select cover every row.
     EXPECT_TRUE(find("/media/usb\" OR PATH LIKE \"", {}).empty());
-    EXPECT_EQ(2u, songs().size());
+    EXPECT_EQ(3u, songs().size());
 }

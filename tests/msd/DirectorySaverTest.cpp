@@ -8,7 +8,7 @@ using namespace olvane::test;
 
 class DirectorySaverTest : public DbTest {};
 
-// Undoubled, the quote in this mount point would make the prefix statements
+// Pasted into the text, the quote in this mount point would make the statements
 // cover every row.
 TEST_F(DirectorySaverTest, StoresWhatLeadsToMusicAndRewritesOnlyOnChange) {
     TempDir t;

@@ -53,3 +53,19 @@ TEST_F(SongSaverTest, UnusedLookupRowsGoOnlyAfterTheLastBlock) {
                      "group_concat(ALBUM) FROM ALBUMS)||'|'||(SELECT group_concat(COMPOSER) FROM "
                      "COMPOSERS)||'|'||(SELECT COUNT(*) FROM SONGS)"));
 }
+
+TEST_F(SongSaverTest, ARefusedRowLosesThatRowOnly) {
+    column(
+        "CREATE TRIGGER refuse BEFORE INSERT ON SONGS WHEN NEW.NAME = 'd.mp3' "
+        "BEGIN SELECT RAISE(ABORT, 'refused'); END");
+    saver.open("dev1");
+    sqlite3_limit(saver.ostream.db, SQLITE_LIMIT_LENGTH, 1000);  // the long name cannot be bound
+    const std::string tooLong = std::string(2000, 'x') + ".mp3";
+    save({{"a.mp3", "A", "1"},
+          {tooLong, "B", "2"},
+          {"c.mp3", "C", "3"},
+          {"d.mp3", "D", "4"},
+          {"e.mp3", "E", "5"}},
+         true, 1);
+    EXPECT_EQ(Strings({"a.mp3", "c.mp3", "e.mp3"}), column("SELECT NAME FROM SONGS ORDER BY 1"));
+}

@@ -126,6 +126,32 @@ TEST_F(KestrowTest, AFailedSetUpDeletesTheDatabaseAndRetiresThePipeline) {
     EXPECT_TRUE(waitFor([&] { return destroyed[0] == 1 && k->registeredCount() == 0; }));
 }
 
+TEST_F(KestrowTest, HousekeepingSparesTheDatabasesOfRegisteredRequests) {
+    // Three databases over the size limit: devA's is indexed, devB's waits, devC's is idle.
+    DatabaseMgr& mgr = DatabaseMgr::instance();
+    auto exists = [&](const char* devId) {
+        return access(mgr.getDbNameFromDevId(devId).c_str(), F_OK) == 0;
+    };
+    mgr.createDb("devC", "/media/c", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
+    for (const char* devId : {"devB", "devC"}) {
+        const std::string db = mgr.getDbNameFromDevId(devId);
+        ASSERT_EQ(0, truncate(db.c_str(), DatabaseMgr::kSizeLimit / 2 + 1));  // sparse
+        olvane::test::setMtime(db, devId[3] == 'B' ? 100 : 200);  // devB's is the oldest
+    }
+    gate.open("devA");
+    ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1; }));
+    EXPECT_TRUE(exists("devB"));
+    EXPECT_FALSE(exists("devC"));
+
+    // Retired, devB is no longer spared.
+    gate.open("devB");
+    ASSERT_TRUE(waitFor([&] { return destroyed[1] == 1 && k->registeredCount() == 0; }));
+    mgr.checkAndDelete("devA", 0);
+    EXPECT_FALSE(exists("devB"));
+}
+
 TEST_F(KestrowTest, BlocksArrivingAfterStopAreIgnored) {
     LogCapture cap;
     k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
