@@ -87,7 +87,7 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
         ZQLOG_INFO("RNC: Found changes %u", unsigned(changes.size()));
         if (state == 0) {
             emit KestrowQTProxy::instance().contentModified(
-                QString::fromLatin1(in->operation.mountPoint.c_str()));
+                QString::fromUtf8(in->operation.mountPoint.c_str()));
         }
         sqlite3_exec(ostream.db, "BEGIN TRANSACTION;", nullptr, nullptr, nullptr);
         const std::string erase = "DELETE FROM DIRECTORIES WHERE PATH LIKE " + pattern + ";";
