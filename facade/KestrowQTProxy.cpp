@@ -27,13 +27,13 @@ void KestrowQTProxy::setScheduler(kestrow::Kestrow* s) {
 }
 
 void KestrowQTProxy::startIndexing(QString device_id, QString mount_point, bool isFirstPartition) {
-    scheduler->enqueueNewOperation(kestrow::MSD_OPERATION, device_id.toLatin1().toStdString(), 0,
-                                   mount_point.toLatin1().toStdString(), isFirstPartition);
+    scheduler->enqueueNewOperation(kestrow::MSD_OPERATION, device_id.toUtf8().toStdString(), 0,
+                                   mount_point.toUtf8().toStdString(), isFirstPartition);
 }
 
 void KestrowQTProxy::startMtpIndexing(QString device_id, t_device_handle handle,
                                       bool isFirstPartition) {
-    const std::string deviceId = device_id.toLatin1().toStdString();
+    const std::string deviceId = device_id.toUtf8().toStdString();
     scheduler->enqueueNewOperation(kestrow::MTP_OPERATION, deviceId, handle, kMtpPrefix + deviceId,
                                    isFirstPartition);
 }
@@ -48,14 +48,14 @@ int KestrowQTProxy::indexingProgress(QString /*mount_point*/) const {
 }
 
 void KestrowQTProxy::prioritizeMsdDevice(QString device_id, QString mount_point) const {
-    const std::string deviceId = device_id.toLatin1().toStdString();
+    const std::string deviceId = device_id.toUtf8().toStdString();
     ZQLOG_INFO("%s", deviceId.c_str());
     scheduler->prioritizeOperation(kestrow::MSD_OPERATION, deviceId, 0,
-                                   mount_point.toLatin1().toStdString());
+                                   mount_point.toUtf8().toStdString());
 }
 
 void KestrowQTProxy::prioritizeMtpDevice(QString device_id, t_device_handle handle) const {
-    const std::string deviceId = device_id.toLatin1().toStdString();
+    const std::string deviceId = device_id.toUtf8().toStdString();
     ZQLOG_INFO("%s", deviceId.c_str());
     scheduler->prioritizeOperation(kestrow::MTP_OPERATION, deviceId, handle, kMtpPrefix + deviceId);
 }

@@ -1,7 +1,8 @@
 #pragma once
 // The library's Qt interface to the media application. One process-wide
 // object (instance()); any thread may emit its signals, and receivers in
-// other threads get them through queued connections.
+// other threads get them through queued connections. Device ids and mount
+// points cross between QString and the library's std::string as UTF-8.
 
 #include <QObject>
 #include <QString>

@@ -37,7 +37,7 @@ boost::shared_ptr<Block<FileInfo*>> ChangeFinder::doOperation(
         DatabaseMgr::instance().insertStatus(op.deviceId, op.mountPoint, "PROGRESS");
         if (state == 0) {
             emit KestrowQTProxy::instance().contentModified(
-                QString::fromLatin1(op.mountPoint.c_str()));
+                QString::fromUtf8(op.mountPoint.c_str()));
         }
     }
     return out;

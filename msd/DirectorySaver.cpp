@@ -120,7 +120,7 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
         ZQLOG_INFO("RNC: Found changes %u", unsigned(changes.size()));
         if (state == 0) {
             emit KestrowQTProxy::instance().contentModified(
-                QString::fromLatin1(mountPoint.c_str()));
+                QString::fromUtf8(mountPoint.c_str()));
         }
         ostream.exec("BEGIN TRANSACTION;");
         ostream.query("DELETE FROM DIRECTORIES WHERE " + scope + ";");

@@ -211,7 +211,7 @@ void MSDCrawler::signalCompletion(const Operation& op) {
         ZQLOG_INFO("Skip signalCrawlingFinished");
         return;
     }
-    emit KestrowQTProxy::instance().crawlingFinished(QString::fromLatin1(op.mountPoint.c_str()));
+    emit KestrowQTProxy::instance().crawlingFinished(QString::fromUtf8(op.mountPoint.c_str()));
 }
 
 }  // namespace kestrow

@@ -26,8 +26,8 @@ void SongDirectoryPipeline::enqueueNewOperation(KestrowOperation& operation,
     mgr.createDb(operation.deviceId, operation.mountPoint, isFirstPartition);
     if (mgr.getStatus(operation.deviceId, operation.mountPoint) == "OK") {
         emit KestrowQTProxy::instance().databaseExists(
-            QString::fromLatin1(operation.deviceId.c_str()),
-            QString::fromLatin1(operation.mountPoint.c_str()));
+            QString::fromUtf8(operation.deviceId.c_str()),
+            QString::fromUtf8(operation.mountPoint.c_str()));
     }
     enqueueOperation(operation);
 }
@@ -88,7 +88,7 @@ boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
     const std::string& mountPoint = currentOperation.mountPoint;
     mgr.insertStatus(deviceId, mountPoint, currentOperation.incomplete ? "PROGRESS" : "OK");
     mgr.removeDanglingPartitions(deviceId, mountPoint);
-    emit KestrowQTProxy::instance().indexingFinished(QString::fromLatin1(mountPoint.c_str()));
+    emit KestrowQTProxy::instance().indexingFinished(QString::fromUtf8(mountPoint.c_str()));
     mgr.sync(deviceId);
     mgr.checkAndDelete(deviceId, 89128960);
 

@@ -3,8 +3,11 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+
 #include "platform/common/DatabaseMgr.h"
-#include "tools/JsonLine.h"
 
 namespace olvane {
 namespace tool {
@@ -95,21 +98,20 @@ std::string DatabaseSummary::plain() const {
 }
 
 std::string DatabaseSummary::json() const {
-    std::string out = "{\"deviceId\":" + jsonString(deviceId) + ",\"database\":" + jsonString(file);
-    out += ",\"songs\":" + std::to_string(songs);
-    out += ",\"artists\":" + std::to_string(artists);
-    out += ",\"albums\":" + std::to_string(albums);
-    out += ",\"genres\":" + std::to_string(genres);
-    out += ",\"composers\":" + std::to_string(composers);
-    out += ",\"playlists\":" + std::to_string(playlists);
-    out += ",\"directories\":" + std::to_string(directories);
-    out += ",\"status\":{";
-    for (size_t i = 0; i < statuses.size(); ++i) {
-        if (i)
-            out += ",";
-        out += jsonString(statuses[i].first) + ":" + jsonString(statuses[i].second);
-    }
-    return out + "}}";
+    QJsonObject status;
+    for (const auto& s : statuses)
+        status.insert(QString::fromStdString(s.first), QString::fromStdString(s.second));
+    const QJsonObject o{{"deviceId", QString::fromStdString(deviceId)},
+                        {"database", QFile::decodeName(file.c_str())},
+                        {"songs", songs},
+                        {"artists", artists},
+                        {"albums", albums},
+                        {"genres", genres},
+                        {"composers", composers},
+                        {"playlists", playlists},
+                        {"directories", directories},
+                        {"status", status}};
+    return QJsonDocument(o).toJson(QJsonDocument::Compact).toStdString();
 }
 
 }  // namespace tool

@@ -1,5 +1,9 @@
 #include "tools/IndexerOptions.h"
 
+#include <QCommandLineParser>
+#include <QFile>
+#include <QStringList>
+
 #include "platform/common/Md5.h"
 
 namespace olvane {
@@ -10,8 +14,9 @@ std::string IndexerOptions::usage() {
            "                      [--no-progress] MOUNT_POINT...\n"
            "       olvane-indexer show [--db-dir DIR] [--json] DEVICE_ID\n"
            "\n"
-           "Indexes each MOUNT_POINT as one partition of one device, in the order given,\n"
-           "and prints the library's signals as they arrive, one line each.\n"
+           "Indexes each MOUNT_POINT as one partition of one device, one after the other\n"
+           "in the order given, and prints the library's signals as they arrive, one line\n"
+           "each. Options also take their value as --opt=VALUE.\n"
            "\n"
            "  --db-dir DIR     where the device databases live (default: $OLVANE_DB_DIR,\n"
            "                   else $XDG_DATA_HOME/olvane, else ~/.local/share/olvane)\n"
@@ -19,7 +24,7 @@ std::string IndexerOptions::usage() {
            "                   derived from the first mount point: its last component and\n"
            "                   8 hex digits of the MD5 of its absolute path (Music-1f3a9c07),\n"
            "                   so the same folder always maps to the same database\n"
-           "  --json           one JSON object per line: {\"signal\":..,\"args\":[..],\"ms\":..}\n"
+           "  --json           one JSON object per line: {\"args\":[..],\"ms\":..,\"signal\":..}\n"
            "  --log LEVEL      mirror the library's log lines of LEVEL or above to stderr:\n"
            "                   error, warning, info, debug or verbose\n"
            "  --no-progress    no status line on stderr\n"
@@ -27,75 +32,68 @@ std::string IndexerOptions::usage() {
            "show prints the counts of songs, artists, albums, genres, composers, playlists\n"
            "and directories in a device's database, and the status of each mount point.\n"
            "\n"
-           "Exit status: 0 done, 1 failure, 2 usage error or a mount point that is not a\n"
-           "directory, 130 interrupted (what was committed stays in the database).\n";
+           "Exit status: 0 done; 1 a request failed or was refused (the reason is printed);\n"
+           "2 usage error, or a mount point that is not a directory or not valid UTF-8;\n"
+           "130 interrupted (what was committed stays in the database).\n";
 }
 
 bool IndexerOptions::parse(int argc, char** argv, IndexerOptions& out, std::string& error) {
-    int i = 1;
-    if (argc > 1 && std::string(argv[1]) == "show") {
+    QStringList args;
+    for (int i = 0; i < argc; ++i)
+        args << QFile::decodeName(argv[i]);
+    if (args.size() > 1 && args[1] == "show") {
         out.command = SHOW;
-        ++i;
+        args.removeAt(1);
     }
-    std::vector<std::string> positional;
-    for (; i < argc; ++i) {
-        const std::string arg = argv[i];
-        auto value = [&](std::string& target) {
-            if (i + 1 >= argc) {
-                error = arg + " needs a value";
-                return false;
-            }
-            target = argv[++i];
-            return true;
-        };
-        if (arg == "-h" || arg == "--help") {
-            out.command = HELP;
-            return true;
-        } else if (arg == "--db-dir") {
-            if (!value(out.dbDir))
-                return false;
-        } else if (arg == "--device-id" && out.command == INDEX) {
-            if (!value(out.deviceId))
-                return false;
-        } else if (arg == "--json") {
-            out.json = true;
-        } else if (arg == "--log" && out.command == INDEX) {
-            if (!value(out.logLevel))
-                return false;
-            static const char* levels[] = {"error", "warning", "info", "debug", "verbose"};
-            bool known = false;
-            for (const char* l : levels)
-                known = known || out.logLevel == l;
-            if (!known) {
-                error = "unknown log level: " + out.logLevel;
-                return false;
-            }
-        } else if (arg == "--no-progress" && out.command == INDEX) {
-            out.progress = false;
-        } else if (arg == "--") {
-            for (++i; i < argc; ++i)
-                positional.push_back(argv[i]);
-        } else if (!arg.empty() && arg[0] == '-') {
-            error = "unknown option: " + arg;
-            return false;
-        } else {
-            positional.push_back(arg);
-        }
+    const QCommandLineOption help(QStringList{"h", "help"});
+    const QCommandLineOption dbDir("db-dir", QString(), "DIR");
+    const QCommandLineOption json("json");
+    const QCommandLineOption deviceId("device-id", QString(), "ID");
+    const QCommandLineOption log("log", QString(), "LEVEL");
+    const QCommandLineOption noProgress("no-progress");
+    QCommandLineParser parser;
+    parser.addOptions({help, dbDir, json});
+    if (out.command == INDEX)
+        parser.addOptions({deviceId, log, noProgress});
+    if (!parser.parse(args)) {
+        error = parser.errorText().toStdString();
+        return false;
     }
+    if (parser.isSet(help)) {
+        out.command = HELP;
+        return true;
+    }
+    out.dbDir = QFile::encodeName(parser.value(dbDir)).toStdString();
+    out.json = parser.isSet(json);
+    const QStringList positional = parser.positionalArguments();
     if (out.command == SHOW) {
         if (positional.size() != 1) {
             error = "show takes one DEVICE_ID";
             return false;
         }
-        out.deviceId = positional[0];
+        out.deviceId = positional[0].toStdString();
         return true;
+    }
+    out.deviceId = parser.value(deviceId).toStdString();
+    out.logLevel = parser.value(log).toStdString();
+    out.progress = !parser.isSet(noProgress);
+    const QStringList levels = {"error", "warning", "info", "debug", "verbose"};
+    if (parser.isSet(log) && !levels.contains(parser.value(log))) {
+        error = "unknown log level: " + out.logLevel;
+        return false;
     }
     if (positional.empty()) {
         error = "no mount point given";
         return false;
     }
-    out.mountPoints = positional;
+    for (const QString& m : positional)
+        out.mountPoints.push_back(QFile::encodeName(m).toStdString());
     return true;
+}
+
+bool IndexerOptions::isUtf8(const std::string& bytes) {
+    const QByteArray raw = QByteArray::fromStdString(bytes);
+    return QFile::encodeName(QFile::decodeName(raw)) == raw;
 }
 
 std::string IndexerOptions::deriveDeviceId(const std::string& absoluteMountPoint) {

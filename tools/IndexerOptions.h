@@ -19,7 +19,11 @@ struct IndexerOptions {
     std::vector<std::string> mountPoints;  // INDEX
 
     // Fills `out` from argv; on a usage error returns false with `error` set.
+    // Arguments are read as UTF-8 (see isUtf8).
     static bool parse(int argc, char** argv, IndexerOptions& out, std::string& error);
+    // Whether a name is valid UTF-8, and so can cross the library's Qt
+    // interface as a QString unchanged.
+    static bool isUtf8(const std::string& bytes);
     static std::string usage();
     // A stable device id for a mount point: its last component, reduced to
     // letters, digits, '.', '_' and '-', and 8 hex digits of the MD5 of the

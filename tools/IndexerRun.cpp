@@ -4,13 +4,17 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <atomic>
 #include <cstdio>
 
 #include "facade/KestrowQTProxy.h"
 #include "orchestration/Kestrow.h"
+#include "platform/common/DatabaseMgr.h"
 #include "tools/DatabaseSummary.h"
-#include "tools/JsonLine.h"
 
 namespace olvane {
 namespace tool {
@@ -40,24 +44,24 @@ IndexerRun::IndexerRun(const IndexerOptions& options, const std::vector<std::str
     : options_(options), mountPoints_(mountPoints), deviceId_(deviceId) {
     options_.progress = options_.progress && isatty(STDERR_FILENO);
     KestrowQTProxy& proxy = KestrowQTProxy::instance();
-    auto mp = [](const QString& s) { return s.toStdString(); };
     connect(
         &proxy, &KestrowQTProxy::crawlingFinished, this,
-        [this, mp](QString m) { print("crawlingFinished", {mp(m)}); }, Qt::QueuedConnection);
+        [this](QString m) { print("crawlingFinished", {m}); }, Qt::QueuedConnection);
     connect(
         &proxy, &KestrowQTProxy::contentModified, this,
-        [this, mp](QString m) { print("contentModified", {mp(m)}); }, Qt::QueuedConnection);
+        [this](QString m) { print("contentModified", {m}); }, Qt::QueuedConnection);
     connect(
         &proxy, &KestrowQTProxy::databaseExists, this,
-        [this, mp](QString id, QString m) {
-            print("databaseExists", {mp(id), mp(m)});
+        [this](QString id, QString m) {
+            print("databaseExists", {id, m});
         },
         Qt::QueuedConnection);
     connect(
         &proxy, &KestrowQTProxy::indexingFinished, this,
-        [this, mp](QString m) {
-            print("indexingFinished", {mp(m)});
-            onIndexingFinished(mp(m));
+        [this](QString m) {
+            print("indexingFinished", {m});
+            if (current_ >= 0 && QFile::encodeName(m).toStdString() == mountPoints_[current_])
+                currentFinished_ = true;
         },
         Qt::QueuedConnection);
     pollTimer_.setInterval(50);
@@ -78,35 +82,45 @@ void IndexerRun::begin() {
     scheduler_ = new kestrow::Kestrow();
     scheduler_->launch();
     scheduler_->start();
-    KestrowQTProxy& proxy = KestrowQTProxy::instance();
-    proxy.setScheduler(scheduler_);
-    for (size_t i = 0; i < mountPoints_.size(); ++i) {
-        proxy.startIndexing(QString::fromStdString(deviceId_),
-                            QString::fromStdString(mountPoints_[i]), i == 0);
-    }
+    KestrowQTProxy::instance().setScheduler(scheduler_);
+    requestNext();
     pollTimer_.start();
 }
 
-void IndexerRun::print(const std::string& signal, const std::vector<std::string>& args) {
-    clearProgress();
-    std::string line;
-    if (options_.json) {
-        line = jsonSignalLine(signal, args, clock_.elapsed());
-    } else {
-        line = signal;
-        for (const std::string& a : args)
-            line += " " + a;
+void IndexerRun::requestNext() {
+    ++current_;
+    currentFinished_ = false;
+    failure_.clear();
+    KestrowQTProxy::instance().startIndexing(QString::fromStdString(deviceId_),
+                                             QFile::decodeName(mountPoints_[current_].c_str()),
+                                             current_ == 0);
+    // The first request starts a new attach of the device, which forgets the
+    // partitions not seen in it. The others are asked for only later, so they
+    // are marked as seen now; else the end of the first would drop their rows.
+    if (current_ == 0) {
+        for (size_t i = 1; i < mountPoints_.size(); ++i) {
+            try {
+                DatabaseMgr::instance().createDb(deviceId_, mountPoints_[i], false);
+            } catch (const std::exception&) {
+                // Its own request reports the failure.
+            }
+        }
     }
-    std::fprintf(stdout, "%s\n", line.c_str());
-    std::fflush(stdout);
 }
 
-void IndexerRun::onIndexingFinished(const std::string& mountPoint) {
-    finished_.insert(mountPoint);
-    bool all = true;
-    for (const std::string& m : mountPoints_)
-        all = all && finished_.count(m) > 0;
-    allFinished_ = all;
+void IndexerRun::print(const QString& signal, const QStringList& args) {
+    clearProgress();
+    QByteArray line;
+    if (options_.json) {
+        const QJsonObject o{{"signal", signal},
+                            {"args", QJsonArray::fromStringList(args)},
+                            {"ms", clock_.elapsed()}};
+        line = QJsonDocument(o).toJson(QJsonDocument::Compact);
+    } else {
+        line = (QStringList{signal} + args).join(' ').toUtf8();
+    }
+    std::fprintf(stdout, "%s\n", line.constData());
+    std::fflush(stdout);
 }
 
 void IndexerRun::poll() {
@@ -116,25 +130,27 @@ void IndexerRun::poll() {
         finish(130);
         return;
     }
-    // After the last indexingFinished, let the scheduler retire the pipeline
-    // through its normal path before stopping it.
-    if (allFinished_ && scheduler_->registeredCount() == 0) {
-        clearProgress();
-        finish(0);
-        return;
-    }
-    // Nothing registered and not all done: a request was refused (its reason
-    // is in the log). Checked on two polls in a row, so that an indexingFinished
-    // already on its way is printed first.
-    if (!allFinished_ && scheduler_->registeredCount() == 0) {
-        if (++idlePolls_ >= 2) {
+    // The scheduler retires a request after its pipeline has emitted
+    // indexingFinished; a request retired without it failed or was refused.
+    if (scheduler_->registeredCount() == 0) {
+        // Signals queued before the request was retired are handled first.
+        QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+        if (!currentFinished_) {
             clearProgress();
-            std::fprintf(stderr, "olvane-indexer: the indexer refused the request\n");
+            std::string reason = failure_.text();
+            if (reason.empty())
+                reason = "the indexer refused the request";
+            std::fprintf(stderr, "olvane-indexer: %s: %s\n", mountPoints_[current_].c_str(),
+                         reason.c_str());
             finish(1);
             return;
         }
-    } else {
-        idlePolls_ = 0;
+        if (size_t(current_) + 1 == mountPoints_.size()) {
+            clearProgress();
+            finish(0);
+            return;
+        }
+        requestNext();
     }
     if (options_.progress && clock_.elapsed() - lastProgressMs_ >= 250)
         drawProgress();
@@ -155,14 +171,7 @@ void IndexerRun::finish(int status) {
 
 void IndexerRun::drawProgress() {
     lastProgressMs_ = clock_.elapsed();
-    std::string current;
-    for (const std::string& m : mountPoints_)
-        if (!finished_.count(m)) {
-            current = m;
-            break;
-        }
-    if (current.empty())
-        return;
+    const std::string& current = mountPoints_[current_];
     long long songs = DatabaseSummary::songsUnder(deviceId_, current);
     std::fprintf(stderr, "\r\x1b[K%s: %lld songs, %.1f s", current.c_str(), songs < 0 ? 0 : songs,
                  double(clock_.elapsed()) / 1000.0);

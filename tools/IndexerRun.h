@@ -2,11 +2,12 @@
 
 #include <QElapsedTimer>
 #include <QObject>
+#include <QStringList>
 #include <QTimer>
-#include <set>
 #include <string>
 #include <vector>
 
+#include "tools/FailureReason.h"
 #include "tools/IndexerOptions.h"
 
 namespace kestrow {
@@ -17,16 +18,19 @@ namespace olvane {
 namespace tool {
 
 // One indexing run of olvane-indexer on the Qt main thread: owns the
-// scheduler, asks for each mount point, prints the facade's signals (which
-// arrive through queued connections) and quits the event loop when every
-// mount point has finished or on Ctrl-C.
+// scheduler, asks for one mount point at a time in the order given (the next
+// once the previous has finished), prints the facade's signals (which arrive
+// through queued connections) and quits the event loop when every mount point
+// has finished, when a request fails (after printing the reason the library
+// logged) or on Ctrl-C.
 class IndexerRun : public QObject {
 public:
+    // `mountPoints` are absolute and valid UTF-8.
     IndexerRun(const IndexerOptions& options, const std::vector<std::string>& mountPoints,
                const std::string& deviceId);
     ~IndexerRun() override;
 
-    // Starts the scheduler and queues the requests; returns at once.
+    // Starts the scheduler and asks for the first mount point; returns at once.
     void begin();
     // The exit status once the event loop has returned.
     int exitStatus() const { return exitStatus_; }
@@ -35,8 +39,8 @@ public:
     static void installInterruptHandler();
 
 private:
-    void print(const std::string& signal, const std::vector<std::string>& args);
-    void onIndexingFinished(const std::string& mountPoint);
+    void print(const QString& signal, const QStringList& args);
+    void requestNext();
     void poll();
     void finish(int status);
     void drawProgress();
@@ -46,11 +50,11 @@ private:
     std::vector<std::string> mountPoints_;
     std::string deviceId_;
     kestrow::Kestrow* scheduler_ = nullptr;
-    std::set<std::string> finished_;
-    bool allFinished_ = false;
+    FailureReason failure_;  // of the request asked for last
+    int current_ = -1;       // the mount point asked for
+    bool currentFinished_ = false;
     bool progressShown_ = false;
     int exitStatus_ = 1;
-    int idlePolls_ = 0;
     QElapsedTimer clock_;
     QTimer pollTimer_;
     qint64 lastProgressMs_ = -1000;

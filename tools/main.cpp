@@ -29,13 +29,24 @@ int show(const IndexerOptions& options) {
     return 0;
 }
 
-// Absolute, resolved mount points; false (after a message) when one is not a directory.
+void refuseNonUtf8(const std::string& name) {
+    std::fprintf(stderr,
+                 "olvane-indexer: %s: not valid UTF-8 (the indexer takes UTF-8 names only)\n",
+                 name.c_str());
+}
+
+// Absolute, resolved mount points; false (after a message) when one is not a
+// directory or resolves to a name that is not UTF-8.
 bool resolveMountPoints(const std::vector<std::string>& given, std::vector<std::string>& out) {
     for (const std::string& m : given) {
         struct stat st;
         char resolved[PATH_MAX];
         if (::stat(m.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || !realpath(m.c_str(), resolved)) {
             std::fprintf(stderr, "olvane-indexer: %s is not a directory\n", m.c_str());
+            return false;
+        }
+        if (!IndexerOptions::isUtf8(resolved)) {
+            refuseNonUtf8(resolved);
             return false;
         }
         out.push_back(resolved);
@@ -46,6 +57,12 @@ bool resolveMountPoints(const std::vector<std::string>& given, std::vector<std::
 }  // namespace
 
 int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (!IndexerOptions::isUtf8(argv[i])) {
+            refuseNonUtf8(argv[i]);
+            return 2;
+        }
+    }
     IndexerOptions options;
     std::string error;
     if (!IndexerOptions::parse(argc, argv, options, error)) {

@@ -2,31 +2,15 @@
 
 namespace olvane {
 
-namespace {
-std::mutex gInstallMutex;
-LogCapture* gInstalled = nullptr;  // guarded by gInstallMutex
-}  // namespace
-
-namespace detail {
-void captureLogLine(DltLogLevelType level, const char* function, const std::string& message) {
-    std::lock_guard<std::mutex> lock(gInstallMutex);
-    if (gInstalled)
-        gInstalled->record(level, function, message);
-}
-}  // namespace detail
-
 LogCapture::LogCapture() {
-    std::lock_guard<std::mutex> lock(gInstallMutex);
-    gInstalled = this;
+    addLogSink(this);
 }
 
 LogCapture::~LogCapture() {
-    std::lock_guard<std::mutex> lock(gInstallMutex);
-    if (gInstalled == this)
-        gInstalled = nullptr;
+    removeLogSink(this);
 }
 
-void LogCapture::record(DltLogLevelType level, const char* function, const std::string& message) {
+void LogCapture::write(DltLogLevelType level, const char* function, const std::string& message) {
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.push_back(LogLine{level, function ? function : "", message});
 }

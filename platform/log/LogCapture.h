@@ -1,13 +1,15 @@
 #pragma once
 // Test seam: while a LogCapture lives, every formatted log line is also
-// recorded in it. Only one capture may be installed at a time; a second one
-// replaces the first until it dies. All members are thread-safe.
+// recorded in it (each live capture records every line). All members are
+// thread-safe.
 
 #include <dlt/dlt_types.h>
 
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "platform/log/LogSink.h"
 
 namespace olvane {
 
@@ -17,10 +19,10 @@ struct LogLine {
     std::string message;   // the formatted message
 };
 
-class LogCapture {
+class LogCapture : public LogSink {
 public:
     LogCapture();
-    ~LogCapture();
+    ~LogCapture() override;
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
@@ -32,17 +34,11 @@ public:
     bool contains(const std::string& part) const { return countContaining(part) > 0; }
     void clear();
 
-    void record(DltLogLevelType level, const char* function, const std::string& message);
+    void write(DltLogLevelType level, const char* function, const std::string& message) override;
 
 private:
     mutable std::mutex mutex_;
     std::vector<LogLine> lines_;  // guarded by mutex_
 };
-
-namespace detail {
-// Called by the logging library for every line: hands it to the installed
-// capture, if any.
-void captureLogLine(DltLogLevelType level, const char* function, const std::string& message);
-}  // namespace detail
 
 }  // namespace olvane

@@ -13,7 +13,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/log/LogCapture.h"
+#include "platform/log/LogSink.h"
 
 unsigned char zqPrettyFunction = 0;
 
@@ -169,7 +169,7 @@ void vimplZQLog(unsigned char /*context*/, DltLogLevelType level, const char* fu
     if (!function)
         function = "";
     const std::string message = format(fmt, args);
-    olvane::detail::captureLogLine(level, function, message);
+    olvane::detail::dispatchLogLine(level, function, message);
     const int threshold = stderrThreshold();
     if (threshold > 0 && int(level) > 0 && int(level) <= threshold) {
         std::fprintf(stderr, "%s %s: %s\n", levelName(level), function, message.c_str());

@@ -1,7 +1,7 @@
 #pragma once
 // Logging of the head unit's platform: every line goes to the DLT daemon when
-// one runs, to stderr when OLVANE_LOG asks for it, and to the test capture
-// when one is installed. All functions are thread-safe.
+// one runs, to stderr when OLVANE_LOG asks for it, and to every registered
+// LogSink (platform/log/LogSink.h). All functions are thread-safe.
 
 #include <dlt/dlt_types.h>
 

@@ -6,6 +6,8 @@
 #include <QMetaObject>
 
 #include "platform/log/LogCapture.h"
+#include "tests/support/SignalLog.h"
+#include "tests/support/Sql.h"
 #include "tests/support/TestPipeline.h"
 #include "tests/support/Wait.h"
 
@@ -67,6 +69,39 @@ TEST_F(ProxySlotsTest, QueuedCallsByNameReachTheScheduler) {
     proxy.prioritizeMsdDevice("usb1", "/media/usb");
     EXPECT_EQ(created[0]->runState(), 0);
     EXPECT_EQ(created[1]->runState(), 2);
+}
+
+// Volume labels in any script reach the crawler as they are, and come back
+// unchanged in every signal; so does the device id.
+TEST_F(ProxySlotsTest, NonAsciiNamesCrossBothWays) {
+    k->setPipelineFactory(nullptr);  // the real device pipelines
+    olvane::test::TempDir tree;
+    for (int round = 0; round < 2; ++round) {
+        for (const std::string name : {"Música", "Музыка", "音楽 USB"}) {
+            SCOPED_TRACE(name + " round " + std::to_string(round));
+            const std::string root = tree.file(name);
+            if (round == 0)
+                tree.copySample("gears-iron-road.mp3", name + "/a.mp3");
+            const QString id = QString::fromUtf8(name.c_str()),
+                          mp = QString::fromUtf8(root.c_str());
+            olvane::test::SignalLog sigs;
+            KestrowQTProxy::instance().startIndexing(id, mp, true);
+            ASSERT_TRUE(waitFor([&] {
+                return k->registeredCount() == 0 &&
+                       !sigs.entries.filter("indexingFinished ").isEmpty();
+            }));
+            QStringList expected = {
+                "crawlingFinished " + mp, "indexingFinished " + mp,
+                round == 0 ? "contentModified " + mp : "databaseExists " + id + " " + mp};
+            // Branches report on their own threads, and may each report a change.
+            sigs.entries.removeDuplicates();
+            sigs.entries.sort();
+            expected.sort();
+            EXPECT_EQ(sigs.entries.join(", ").toStdString(), expected.join(", ").toStdString());
+            EXPECT_EQ(olvane::test::dbColumn(name, "SELECT PATH FROM SONGS;"),
+                      std::vector<std::string>{root + "/a.mp3"});
+        }
+    }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <QDir>
 #include <QJsonArray>
@@ -34,9 +35,9 @@ protected:
         root = tree.file("usb");
     }
 
-    Result run(const QStringList& args) {
+    Result run(const QStringList& args, const QString& program = OLVANE_INDEXER) {
         QProcess p;
-        p.setProgram(OLVANE_INDEXER);
+        p.setProgram(program);
         p.setArguments(args);
         p.start();
         EXPECT_TRUE(p.waitForFinished(120000));
@@ -72,7 +73,7 @@ TEST_F(OlvaneIndexerTest, PrintsEachSignalPlainAndAsJson) {
     ASSERT_EQ(second.lines.size(), 3);
     for (int i = 0, lastMs = -1; i < 3; ++i) {
         QJsonObject o = QJsonDocument::fromJson(second.lines[i].toUtf8()).object();
-        EXPECT_TRUE(second.lines[i].startsWith("{\"signal\":\"" + names[i] + "\",\"args\":["));
+        EXPECT_EQ(o["signal"].toString(), names[i]);
         EXPECT_EQ(o["args"].toArray(), args[i]);
         EXPECT_GE(o["ms"].toInt(-1), lastMs);
         lastMs = o["ms"].toInt(-1);
@@ -117,6 +118,55 @@ TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
     Result missing = run(QStringList{"show"} + withDb({"nosuchdevice"}));
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_TRUE(missing.err.contains("no database for device nosuchdevice"));
+}
+
+// Volume labels in any script; given in an order that is not the library's
+// own (byte-wise) order of waiting requests.
+TEST_F(OlvaneIndexerTest, IndexesNamesInAnyScriptOneAfterTheOtherInTheOrderGiven) {
+    QStringList mps;
+    for (const std::string name : {"音楽 USB", "Музыка", "Música"}) {
+        tree.copySample("gears-iron-road.mp3", name + "/a.mp3");
+        mps << QString::fromStdString(tree.file(name));
+    }
+    QStringList finished, unchanged;
+    for (const QString& mp : mps) {
+        finished << "indexingFinished " + mp;
+        unchanged << "databaseExists stick " + mp << "crawlingFinished " + mp
+                  << "indexingFinished " + mp;
+    }
+    Result first = run(QStringList{"--db-dir=" + dbDir(), "--device-id=stick"} + mps);
+    ASSERT_EQ(first.exitCode, 0) << first.err.toStdString();
+    EXPECT_EQ(first.lines.filter("indexingFinished").join('\n').toStdString(),
+              finished.join('\n').toStdString());
+    // Run again: each partition was left complete ("OK"), keeps its rows, and
+    // all its signals come before the next one's.
+    Result again = run(withDb({"--device-id", "stick"}) + mps);
+    EXPECT_EQ(again.lines.join('\n').toStdString(), unchanged.join('\n').toStdString());
+}
+
+// A mount point that is not UTF-8 cannot reach the library unchanged; a
+// request the library refuses is reported with its reason.
+TEST_F(OlvaneIndexerTest, RefusesWhatCannotBeIndexedAndSaysWhy) {
+    tree.copySample("gears-iron-road.mp3", "bad\xff/a.mp3");
+    ASSERT_EQ(::symlink(tree.file("bad\xff").c_str(), tree.file("link").c_str()), 0);
+    const QString raw = "exec \"$0\" --db-dir \"$1\" \"$(printf '%s/bad\\377' \"$2\")\"";
+    for (Result r : {run(withDb({QString::fromStdString(tree.file("link"))})),
+                     run({"-c", raw, OLVANE_INDEXER, dbDir(), QString::fromStdString(tree.path())},
+                         "/bin/sh")}) {
+        EXPECT_EQ(r.exitCode, 2);
+        EXPECT_TRUE(r.err.contains("not valid UTF-8")) << r.err.toStdString();
+        EXPECT_TRUE(r.lines.isEmpty());
+    }
+
+    // The database directory cannot be created: its parent is a file.
+    tree.write("file", "");
+    Result refused = run({"--db-dir", QString::fromStdString(tree.file("file/db")), mp()});
+    EXPECT_EQ(refused.exitCode, 1);
+    // The cause, not the clean-up that follows it.
+    const QString cause = "olvane-indexer: " + mp() + ": cannot create " +
+                          QString::fromStdString(tree.file("file/db"));
+    EXPECT_TRUE(refused.err.startsWith(cause)) << refused.err.toStdString();
+    EXPECT_EQ(refused.err.count('\n'), 1);
 }
 
 TEST_F(OlvaneIndexerTest, CtrlCStopsCleanlyAndKeepsWhatWasCommitted) {
