@@ -3,67 +3,110 @@
 #include <glib.h>
 #include <totem-pl-parser.h>
 
-#include <algorithm>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/log/ZQLog.h"
+#include "playlist/ParserLogScope.h"
+#include "playlist/PlaylistText.h"
+#include "playlist/TrackPathResolver.h"
 
 namespace kestrow {
 
 namespace {
 
-// Length of "file:///", the prefix that every entry is taken to start with.
-const size_t kUriPrefixLength = 8;
-
 // Sources a parse may leave in its private context are run at most this
 // often, so that a repeating one cannot keep the stage here.
 const int kMaxPendingDispatches = 1000;
 
-// "entry-parsed": one track of the playlist being parsed.
-void onEntryParsed(TotemPlParser* /*parser*/, const char* uri, GHashTable* /*metadata*/,
-                   PlaylistWrapper* wrapper) {
+// The content type under which the parser reports an m3u playlist.
+const char* const kM3uType = "audio/x-mpegurl";
+
+// What the parser reports of one file: the entries as it resolved them, and
+// the content type of the playlist, when it names one.
+struct ParsedEntries {
+    TotemPlParserResult result = TOTEM_PL_PARSER_RESULT_UNHANDLED;
+    std::vector<std::string> uris;
+    std::string contentType;
+};
+
+bool hasM3uName(const std::string& path) {
+    const size_t dot = path.rfind('.');
+    return dot != std::string::npos && (g_ascii_strcasecmp(path.c_str() + dot, ".m3u") == 0 ||
+                                        g_ascii_strcasecmp(path.c_str() + dot, ".m3u8") == 0);
+}
+
+// "playlist-started": the file is a playlist of the given content type.
+void onPlaylistStarted(TotemPlParser* /*parser*/, const char* /*uri*/, GHashTable* metadata,
+                       ParsedEntries* parsed) {
     try {
-        gchar* unescaped = uri ? g_uri_unescape_string(uri, nullptr) : nullptr;
-        if (!unescaped) {
-            ZQLOG_WARN("cannot unescape entry %.256s", uri ? uri : "");
-            return;
-        }
-        std::string text(unescaped);
-        g_free(unescaped);
-        std::replace(text.begin(), text.end(), '\\', '/');
-        if (text.size() <= kUriPrefixLength) {
-            ZQLOG_WARN("entry too short: %s", text.c_str());
-            return;
-        }
-        std::unique_ptr<PlaylistEntry> entry(new PlaylistEntry(text.substr(kUriPrefixLength), 0));
-        wrapper->playlist->entries.push_back(entry.get());
-        entry.release();
+        const char* type = metadata ? static_cast<const char*>(g_hash_table_lookup(
+                                          metadata, TOTEM_PL_PARSER_FIELD_CONTENT_TYPE))
+                                    : nullptr;
+        if (type && parsed->contentType.empty())
+            parsed->contentType = type;
     } catch (const std::exception& e) {
         // Nothing may leave a GLib signal handler by an exception.
+        ZQLOG_ERROR("content type dropped: %s", e.what());
+    }
+}
+
+// "entry-parsed": one track of the playlist being parsed.
+void onEntryParsed(TotemPlParser* /*parser*/, const char* uri, GHashTable* /*metadata*/,
+                   ParsedEntries* parsed) {
+    try {
+        if (uri)
+            parsed->uris.push_back(uri);
+    } catch (const std::exception& e) {
         ZQLOG_ERROR("entry dropped: %s", e.what());
     }
 }
 
-}  // namespace
+// A main context made the calling thread's default for its lifetime.
+class ThreadContext {
+public:
+    ThreadContext() : context_(g_main_context_new()) {
+        g_main_context_push_thread_default(context_);
+    }
+    ~ThreadContext() {
+        g_main_context_pop_thread_default(context_);
+        g_main_context_unref(context_);
+    }
+    ThreadContext(const ThreadContext&) = delete;
+    ThreadContext& operator=(const ThreadContext&) = delete;
+    GMainContext* get() const { return context_; }
 
-void extractPlaylist(PlaylistWrapper* wrapper) {
-    const std::string& path = wrapper->playlist->path;
+private:
+    GMainContext* context_;
+};
 
+struct ObjectDeleter {
+    void operator()(TotemPlParser* parser) const { g_object_unref(parser); }
+};
+
+// Runs the parser over the file at `uri` (`path` for the log) on this thread.
+ParsedEntries parse(const std::string& uri, const std::string& path) {
+    ParsedEntries parsed;
+    if (uri.empty()) {
+        ZQLOG_WARN("no URI for playlist: %s", path.c_str());
+        return parsed;
+    }
+    ParserLogScope messages;
     // The parser belongs to a context of this thread alone: whatever it
     // dispatches runs here, never through the host's default context.
-    GMainContext* context = g_main_context_new();
-    g_main_context_push_thread_default(context);
-
-    TotemPlParser* parser = totem_pl_parser_new();
-    g_object_set(parser, "recurse", FALSE, "disable-unsafe", TRUE, nullptr);
-    g_signal_connect_data(parser, "entry-parsed", G_CALLBACK(onEntryParsed), wrapper, nullptr,
+    ThreadContext context;
+    std::unique_ptr<TotemPlParser, ObjectDeleter> parser(totem_pl_parser_new());
+    g_object_set(parser.get(), "recurse", FALSE, "disable-unsafe", TRUE, nullptr);
+    g_signal_connect_data(parser.get(), "playlist-started", G_CALLBACK(onPlaylistStarted), &parsed,
+                          nullptr, GConnectFlags(0));
+    g_signal_connect_data(parser.get(), "entry-parsed", G_CALLBACK(onEntryParsed), &parsed, nullptr,
                           GConnectFlags(0));
 
-    std::string uri = "file:///" + path;
-    TotemPlParserResult result = totem_pl_parser_parse(parser, uri.c_str(), FALSE);
-    switch (result) {
+    parsed.result = totem_pl_parser_parse(parser.get(), uri.c_str(), FALSE);
+    switch (parsed.result) {
         case TOTEM_PL_PARSER_RESULT_UNHANDLED:
             ZQLOG_INFO("TOTEM_PL_PARSER_RESULT_UNHANDLED %s", path.c_str());
             break;
@@ -80,12 +123,51 @@ void extractPlaylist(PlaylistWrapper* wrapper) {
             ZQLOG_INFO("default %s", path.c_str());
             break;
     }
-
-    for (int i = 0; i < kMaxPendingDispatches && g_main_context_iteration(context, FALSE); ++i) {
+    for (int i = 0; i < kMaxPendingDispatches && g_main_context_iteration(context.get(), FALSE);
+         ++i) {
     }
-    g_object_unref(parser);
-    g_main_context_pop_thread_default(context);
-    g_main_context_unref(context);
+    return parsed;
+}
+
+template <class Resolve>
+void addEntries(Playlist* playlist, const std::vector<std::string>& texts, Resolve resolve) {
+    for (const std::string& text : texts) {
+        std::optional<std::string> path = resolve(text);
+        if (!path)
+            continue;
+        std::unique_ptr<PlaylistEntry> entry(new PlaylistEntry(*path, 0));
+        playlist->entries.push_back(entry.get());
+        entry.release();
+    }
+}
+
+}  // namespace
+
+void extractPlaylist(PlaylistWrapper* wrapper, const std::string& mountPoint) {
+    Playlist* playlist = wrapper->playlist;
+    const TrackPathResolver resolver(mountPoint, playlist->path);
+    const PlaylistText text(playlist->path);
+    auto fromText = [&resolver](const std::string& t) { return resolver.fromText(t); };
+    if (text.isPls()) {
+        // A pls file is read by its lines alone: the parser spins forever on a
+        // "File" key it cannot number ("File1 =", "File01", one key twice).
+        ZQLOG_INFO("pls read by its lines: %s", playlist->path.c_str());
+        addEntries(playlist, text.plsEntries(), fromText);
+    } else {
+        ParsedEntries parsed = parse(resolver.parserUri(), playlist->path);
+        // An m3u file that the parser took is read by its lines: the parser
+        // drops "\"-rooted and drive lines (and every relative one when the
+        // first line is a URI), keeps a byte order mark in the first entry and
+        // reads a legacy code page as Latin-1.
+        if (parsed.result == TOTEM_PL_PARSER_RESULT_SUCCESS &&
+            (parsed.contentType == kM3uType ||
+             (parsed.contentType.empty() && hasM3uName(playlist->path)))) {
+            addEntries(playlist, text.m3uEntries(), fromText);
+        } else {
+            addEntries(playlist, parsed.uris,
+                       [&resolver](const std::string& uri) { return resolver.fromParser(uri); });
+        }
+    }
 
     pthread_mutex_lock(&wrapper->mutex);
     pthread_cond_broadcast(&wrapper->cond);
@@ -112,7 +194,7 @@ boost::shared_ptr<Block<Playlist*>> MSDPlaylistMiner::doOperation(
         output->items.push_back(playlist);
         wrapper.playlist = playlist;
         // The parse has finished when this returns: there is nothing to wait for.
-        extractPlaylist(&wrapper);
+        extractPlaylist(&wrapper, input->operation.mountPoint);
     }
 
     ZQLOG_INFO("MSDPlaylistMiner done (op: %d)", input->operation.id);

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kestrow {
+
+// The text of a playlist file whose entries are one line each (m3u, pls),
+// read as a player reads it: a UTF-8 byte order mark is skipped, CRLF, CR
+// and LF all end a line, blanks around an entry are dropped, and a file that
+// is not UTF-8 is taken to be in the legacy code page of the player that
+// wrote it, guessed over the whole file as tag texts are. Entries come out
+// in UTF-8, each still as written (relative, "\", drive, URI...).
+// Not thread-safe; a value type.
+class PlaylistText {
+public:
+    // Reads the whole file; a file that cannot be read is logged and empty.
+    explicit PlaylistText(const std::string& path);
+
+    // Whether the text starts with the "[playlist]" heading of a pls file.
+    bool isPls() const;
+    // The lines that are neither empty nor comments ("#EXTM3U", "#EXTINF...").
+    std::vector<std::string> m3uEntries() const;
+    // The values of the "File<n>" keys, ordered by n.
+    std::vector<std::string> plsEntries() const;
+
+private:
+    std::vector<std::string> lines() const;
+
+    std::string bytes_;  // as read, without the byte order mark
+};
+
+}  // namespace kestrow
