@@ -110,7 +110,8 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
         // the map, as after a completion, rather than wait for a prioritisation.
         SongDirectoryPipeline* first = operations.begin()->second;
         ZQLOG_INFO("replaced the running request: go on %x", addr(first));
-        first->start();
+        if (first)
+            first->start();
     }
     try {
         pipeline->enqueueNewOperation(operation, isFirstPartition);
