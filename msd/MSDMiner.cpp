@@ -35,9 +35,14 @@ public:
 // once per process, instead of standard error being swapped per block:
 // overlapping miners must not leave std::cerr on a buffer that one of them
 // has freed, and the host's stderr stays its own.
+// The listener lives as long as the process: TagLib may report from any thread.
 void silenceTagLib() {
     static std::once_flag once;
-    std::call_once(once, [] { TagLib::setDebugListener(new TagLibToLog()); });
+    static TagLibToLog* listener = nullptr;
+    std::call_once(once, [] {
+        listener = new TagLibToLog();
+        TagLib::setDebugListener(listener);
+    });
 }
 
 }  // namespace
