@@ -89,6 +89,10 @@ void MSDCrawler::setDirectorySink(BaseServer<Block<Directory*>>* sink) {
     directorySink = sink;
 }
 
+void MSDCrawler::setDirectoryHook(std::function<void(const std::string&)> hook) {
+    directoryHook = std::move(hook);
+}
+
 boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
     boost::shared_ptr<Block<Directory*>> in) {
     std::vector<Directory*>& dirs = in->items;
@@ -115,6 +119,8 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
     uint16_t tracks = 0;
     for (size_t index = 0; index < dirs.size(); ++index) {
         Directory* current = dirs[index];
+        if (directoryHook)
+            directoryHook(current->path);
         DIR* dir = opendir(current->path.c_str());
         if (!dir) {
             ZQLOG_WARN("Error opening dir: %s", current->path.c_str());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <functional>
 #include <string>
 
 #include "framework/Block.h"
@@ -36,6 +37,9 @@ public:
 
     void setPlaylistSink(BaseServer<Block<FileInfo*>>* sink);
     void setDirectorySink(BaseServer<Block<Directory*>>* sink);
+    // Called on the stage's thread with each directory's path before it is
+    // opened; lets a test hold the walk at a known point. Set before launch().
+    void setDirectoryHook(std::function<void(const std::string&)> hook);
 
     boost::shared_ptr<Block<FileInfo*>> doOperation(
         boost::shared_ptr<Block<Directory*>> in) override;
@@ -45,6 +49,7 @@ public:
 private:
     BaseServer<Block<FileInfo*>>* playlistSink;
     BaseServer<Block<Directory*>>* directorySink;
+    std::function<void(const std::string&)> directoryHook;
 };
 
 }  // namespace kestrow
