@@ -89,6 +89,22 @@ public:
         return block;
     }
 
+    // For a stage that holds its pass at safe points: waits while the stage
+    // is paused; true once it runs, false once it is stopping. Stage's own
+    // thread; takes `mutex` only while paused.
+    bool holdWhilePaused() {
+        if (state == 0)
+            return true;
+        pthread_mutex_lock(&mutex);
+        if (state == 2)
+            ZQLOG_INFO("%s held while paused", name);
+        while (state == 2)
+            pthread_cond_wait(&cond, &mutex);
+        const bool running = state == 0;
+        pthread_mutex_unlock(&mutex);
+        return running;
+    }
+
     void start() override {
         int now = state;
         if (now == 1) {

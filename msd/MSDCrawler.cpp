@@ -136,7 +136,15 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
             ZQLOG_WARN("go on");
             continue;
         }
-        while (state == 0 && tracks < kTrackLimit) {
+        bool stopping = false;
+        while (tracks < kTrackLimit) {
+            // A paused walk waits here, between two entries, and goes on from
+            // here when started again, rather than end with what it has found
+            // so far. A stop ends it.
+            if (!holdWhilePaused()) {
+                stopping = true;
+                break;
+            }
             struct dirent* entry = readdir(dir);
             if (!entry)
                 break;
@@ -178,6 +186,8 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
             }
         }
         closedir(dir);
+        if (stopping)
+            break;
     }
 
     if (tracks == kTrackLimit)
@@ -195,7 +205,9 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
 }
 
 void MSDCrawler::signalCompletion(const Operation& op) {
-    if (state != 0) {
+    // A crawler paused after its walk has still crawled everything: only a
+    // stopping one keeps quiet.
+    if (state == 1) {
         ZQLOG_INFO("Skip signalCrawlingFinished");
         return;
     }

@@ -23,8 +23,8 @@ namespace kestrow {
 // most once per operation.
 //
 // The sinks are not owned and are wired before launch(). doOperation and
-// signalCompletion run on the stage's thread; `state` is read without the
-// lock before each directory entry, so stop() or pause() end the walk early.
+// signalCompletion run on the stage's thread. Before each directory entry
+// the walk waits while the stage is paused, and ends once it is stopping.
 class MSDCrawler : public Server<Block<Directory*>, Block<FileInfo*>> {
 public:
     static const unsigned kTrackLimit = 16000;
@@ -43,7 +43,7 @@ public:
 
     boost::shared_ptr<Block<FileInfo*>> doOperation(
         boost::shared_ptr<Block<Directory*>> in) override;
-    // Emits crawlingFinished(mount point) while the stage is running.
+    // Emits crawlingFinished(mount point) unless the stage is stopping.
     void signalCompletion(const Operation& op) override;
 
 private:
