@@ -10,9 +10,10 @@ namespace kestrow {
 
 // A stage: its thread turns each TIN block into at most one TOUT block and
 // hands it to `next`, also when the stage was paused during the pass; once
-// stopping, only a block that completes an operation goes on. `next` is not owned, is wired before
-// launch() and never changes while the thread runs. doOperation and signalCompletion run on the
-// stage's own thread only; doOperation may throw std::exception.
+// stopping, only a block that completes an operation goes on. `next` is not
+// owned, is wired before launch() and never changes while the thread runs.
+// doOperation and signalCompletion run on the stage's own thread only;
+// doOperation may throw std::exception.
 template <class TIN, class TOUT>
 class Server : public BaseServer<TIN> {
 public:
