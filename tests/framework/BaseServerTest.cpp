@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -81,74 +79,56 @@ struct Narrow : Stage<RecBlock> {
 }  // namespace
 
 // A producer floods a -> b -> c while stages run, wait paused or block on a
-// full successor; another thread stops them (some twice) at random moments
-// while this one joins them. A round that does not end within the
-// watchdog's bound aborts the test. Every block is freed once all have ended.
+// full successor; another thread stops them (one twice) at random moments
+// while this one joins them, and one is stopped again after all have ended.
+// A round that does not end within the watchdog's bound aborts the test.
+// Every block is freed once all have ended.
 TEST(BaseServerTest, StoppingAtAnyMomentNeverHangsTheChainNorKeepsBlocks) {
-    std::mutex m;
-    std::condition_variable progressed;
-    int rounds = 0;
-    bool finished = false;
-    std::thread watchdog([&] {
-        std::unique_lock<std::mutex> lock(m);
-        for (int seen = 0; !finished; seen = rounds) {
-            if (!progressed.wait_for(lock, std::chrono::seconds(30),
-                                     [&] { return finished || rounds != seen; })) {
-                std::fprintf(stderr, "round %d: a stop or a join hung\n", seen);
-                std::abort();
-            }
-        }
-    });
-
-    std::mt19937 rng(20240611);
-    auto pick = [&](int n) { return int(rng() % unsigned(n)); };
-    for (int round = 0; round < 1000; ++round) {
-        std::atomic<int> made{0}, freed{0};
-        {
+    std::atomic<int> rounds{0};
+    std::thread chains([&] {
+        std::mt19937 rng(20240611);
+        auto pick = [&](int n) { return int(rng() % unsigned(n)); };
+        auto jitter = [](std::mt19937& r) {
+            for (unsigned y = r() % 100; y > 0; --y)
+                std::this_thread::yield();
+        };
+        for (; rounds < 1000; ++rounds) {
+            std::atomic<int> made{0}, freed{0};
             Narrow c("C", nullptr), b("B", &c), a("A", &b);
-            std::vector<Runnable*> stages = {&a, &b, &c};
+            Runnable* stages[] = {&a, &b, &c};
             for (Runnable* s : stages) {
                 s->launch();
                 if (pick(3))
                     s->start();
             }
             std::thread producer([&] {
-                for (int i = 0; i < 12; ++i) {
-                    ++made;
+                for (int i = 0; i < 12; ++i, ++made)
                     a.enqueue(block<RecBlock>(i, false, 1, &freed));
-                }
             });
             std::vector<int> stopOrder = {0, 1, 2, pick(3)}, joinOrder = {0, 1, 2};
             std::shuffle(stopOrder.begin(), stopOrder.end(), rng);
             std::shuffle(joinOrder.begin(), joinOrder.end(), rng);
-            std::vector<int> pauses;
-            for (int i = 0; i < 8; ++i)
-                pauses.push_back(pick(100));
-            std::thread stopper([&] {
-                for (size_t i = 0; i < stopOrder.size(); ++i) {
-                    for (int y = 0; y < pauses[i]; ++y)
-                        std::this_thread::yield();
-                    stages[size_t(stopOrder[i])]->stop();
+            std::thread stopper([&, r = std::mt19937(rng())]() mutable {
+                for (int s : stopOrder) {
+                    jitter(r);
+                    stages[s]->stop();
                 }
             });
-            for (size_t i = 0; i < joinOrder.size(); ++i) {
-                for (int y = 0; y < pauses[4 + i]; ++y)
-                    std::this_thread::yield();
-                stages[size_t(joinOrder[i])]->join();
+            for (int s : joinOrder) {
+                jitter(rng);
+                stages[s]->join();
             }
             stopper.join();
             producer.join();
-            stages[size_t(pauses[7] % 3)]->stop();  // once more, its thread gone
-            EXPECT_EQ(made, freed) << "round " << round;
+            stages[pick(3)]->stop();
+            EXPECT_EQ(made, freed) << "round " << rounds;
         }
-        std::lock_guard<std::mutex> lock(m);
-        ++rounds;
-        progressed.notify_all();
+    });
+    for (int seen = 0; seen < 1000; seen = rounds) {
+        if (!waitFor([&] { return rounds > seen; }, 30000)) {
+            std::fprintf(stderr, "round %d: a stop or a join hung\n", seen);
+            std::abort();
+        }
     }
-    {
-        std::lock_guard<std::mutex> lock(m);
-        finished = true;
-        progressed.notify_all();
-    }
-    watchdog.join();
+    chains.join();
 }
