@@ -89,8 +89,8 @@ TEST(BaseServerTest, StoppingAtAnyMomentNeverHangsTheChainNorKeepsBlocks) {
         std::mt19937 rng(20240611);
         auto pick = [&](int n) { return int(rng() % unsigned(n)); };
         auto jitter = [](std::mt19937& r) {
-            for (unsigned y = r() % 100; y > 0; --y)
-                std::this_thread::yield();
+            for (volatile unsigned y = r() % 4000; y > 0; y = y - 1) {
+            }
         };
         for (; rounds < 1000; ++rounds) {
             std::atomic<int> made{0}, freed{0};
