@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdarg>
 #include <deque>
@@ -14,13 +15,14 @@ namespace kestrow {
 
 // A stage's worker: one thread and one bounded queue of blocks of type T.
 //
-// `mutex` guards `count`, `queue` and the waits on `cond`. `state` is a plain
-// int: enqueue's first test, pause() and start() from running read or write it
-// without the lock; the broadcasts of stop() and start() make waiters re-read it.
-// No operation times out: both waits are unbounded.
+// `mutex` guards `count`, `queue` and the waits on `cond`. `state` is atomic:
+// enqueue's first test, pause() and start() from running read or write it
+// without the lock; the broadcasts of stop() and start() make waiters re-read
+// it. No operation times out: both waits are unbounded.
 //
-// Once stopping, pop() returns with `mutex` still held, on purpose: the run
-// loop ends and nothing locks this stage again (enqueue tests the state first).
+// Once the stage is stopping, every wait ends: pop() returns an empty pointer
+// and enqueue() drops its block, both releasing `mutex`. stop() may be called
+// again, also after the thread has ended.
 template <class T>
 class BaseServer : public Runnable {
 public:
@@ -37,21 +39,28 @@ public:
         pthread_cond_destroy(&cond);
     }
 
-    // Appends a block; waits while the queue is full. A stopping stage drops it.
+    // Appends a block; waits while the queue is full. A stopping stage drops
+    // it, also when it stops during the wait.
     virtual void enqueue(boost::shared_ptr<T> block) {
-        if (state == 1) {
-            ZQLOG_INFO("%d: enqueue skipped block for op %d", state,
-                       block ? block->operation.id : -1);
-            return;
+        bool stopping = state == 1;
+        if (!stopping) {
+            pthread_mutex_lock(&mutex);
+            // The wait ends when the stage stops: a producer never waits for
+            // room that a stopped run loop will not make.
+            while (state != 1 && count >= capacity)
+                pthread_cond_wait(&cond, &mutex);
+            stopping = state == 1;
+            if (!stopping) {
+                queue.push_back(block);
+                ++count;
+                ZQLOG_INFO("%s %d (op: %d)", name, count, block ? block->operation.id : -1);
+                pthread_cond_broadcast(&cond);
+            }
+            pthread_mutex_unlock(&mutex);
         }
-        pthread_mutex_lock(&mutex);
-        while (count >= capacity)
-            pthread_cond_wait(&cond, &mutex);
-        queue.push_back(block);
-        ++count;
-        ZQLOG_INFO("%s %d (op: %d)", name, count, block ? block->operation.id : -1);
-        pthread_cond_broadcast(&cond);
-        pthread_mutex_unlock(&mutex);
+        if (stopping)
+            ZQLOG_INFO("%d: enqueue skipped block for op %d", int(state),
+                       block ? block->operation.id : -1);
     }
 
     // Takes the front block; waits while the queue is empty or the stage is
@@ -63,8 +72,12 @@ public:
         // The state is looked at before every wait too: a stop() between the
         // test above and the lock has already broadcast.
         while (state == 1 || count == 0 || state == 2) {
-            if (state == 1)
-                return boost::shared_ptr<T>();  // keeps `mutex`, see above
+            if (state == 1) {
+                // Leaves the lock free, so that a second stop() or a waiting
+                // producer does not wait for it for ever.
+                pthread_mutex_unlock(&mutex);
+                return boost::shared_ptr<T>();
+            }
             pthread_cond_wait(&cond, &mutex);
         }
         boost::shared_ptr<T> block = queue.front();
@@ -76,26 +89,41 @@ public:
         return block;
     }
 
+    // For a stage that holds its pass at safe points: waits while the stage
+    // is paused; true once it runs, false once it is stopping. Stage's own
+    // thread; takes `mutex` only while paused.
+    bool holdWhilePaused() {
+        if (state == 0)
+            return true;
+        pthread_mutex_lock(&mutex);
+        if (state == 2)
+            ZQLOG_INFO("%s held while paused", name);
+        while (state == 2)
+            pthread_cond_wait(&cond, &mutex);
+        const bool running = state == 0;
+        pthread_mutex_unlock(&mutex);
+        return running;
+    }
+
     void start() override {
-        if (state == 1) {
+        int now = state;
+        if (now == 1) {
             ZQLOG_WARN("SYSTEM is Stopping cannot start it again %s", name);
-        } else if (state == 2) {
+        } else if (now == 2) {
             ZQLOG_INFO("%s is now paused play it again", name);
             pthread_mutex_lock(&mutex);
-            state = 0;
+            state.compare_exchange_strong(now, 0);  // a stop() meanwhile stays
             pthread_cond_broadcast(&cond);
             pthread_mutex_unlock(&mutex);
-        } else {
-            state = 0;
         }
     }
 
     void pause() override {
-        if (state == 1) {
-            ZQLOG_WARN("SYSTEM is Stopping cannot be paused %s", name);
-            return;
+        int now = state;
+        while (now != 1 && !state.compare_exchange_weak(now, 2)) {
         }
-        state = 2;
+        if (now == 1)
+            ZQLOG_WARN("SYSTEM is Stopping cannot be paused %s", name);
     }
 
     void stop() override {
@@ -146,7 +174,7 @@ protected:
     pthread_mutex_t mutex;
     pthread_cond_t cond;
     pthread_t thread;
-    int state;  // 0 running, 1 stopping, 2 paused
+    std::atomic<int> state;  // 0 running, 1 stopping, 2 paused
     const char* name;
 };
 

@@ -9,9 +9,11 @@
 namespace kestrow {
 
 // A stage: its thread turns each TIN block into at most one TOUT block and
-// hands it to `next`. `next` is not owned, is wired before launch() and never
-// changes while the thread runs. doOperation and signalCompletion run on the
-// stage's own thread only; doOperation may throw std::exception.
+// hands it to `next`, also when the stage was paused during the pass; once
+// stopping, only a block that completes an operation goes on. `next` is not
+// owned, is wired before launch() and never changes while the thread runs.
+// doOperation and signalCompletion run on the stage's own thread only;
+// doOperation may throw std::exception.
 template <class TIN, class TOUT>
 class Server : public BaseServer<TIN> {
 public:
@@ -35,19 +37,19 @@ public:
             try {
                 result = doOperation(input);
                 if (next && result) {
-                    bool forward = true;
-                    if (this->state == 0) {
-                        if (result->operation.lastBlock)
-                            this->signalCompletion(result->operation);
-                    } else {
-                        forward = result->operation.lastBlock;
-                    }
-                    if (forward)
+                    // A paused stage hands its result on as a running one
+                    // does: pausing holds work, it never drops it. Only a
+                    // stopping stage keeps back all but a completing block.
+                    const bool stopping = this->state == 1;
+                    if (!stopping && result->operation.lastBlock)
+                        this->signalCompletion(result->operation);
+                    if (!stopping || result->operation.lastBlock)
                         next->enqueue(result);
                 }
             } catch (const std::exception& e) {
                 ZQLOG_ERROR("%s: an error occured: %s", this->name, e.what());
-                if (next && (this->state == 0 || input->operation.lastBlock)) {
+                // Paused or running, the failed block's operation goes on.
+                if (next && (this->state != 1 || input->operation.lastBlock)) {
                     boost::shared_ptr<TOUT> empty(new TOUT());
                     empty->operation = input->operation;
                     next->enqueue(empty);

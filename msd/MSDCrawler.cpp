@@ -89,6 +89,10 @@ void MSDCrawler::setDirectorySink(BaseServer<Block<Directory*>>* sink) {
     directorySink = sink;
 }
 
+void MSDCrawler::setDirectoryHook(std::function<void(const std::string&)> hook) {
+    directoryHook = std::move(hook);
+}
+
 boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
     boost::shared_ptr<Block<Directory*>> in) {
     std::vector<Directory*>& dirs = in->items;
@@ -116,6 +120,8 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
     std::vector<std::string> unreadable;
     for (size_t index = 0; index < dirs.size(); ++index) {
         Directory* current = dirs[index];
+        if (directoryHook)
+            directoryHook(current->path);
         DIR* dir = opendir(current->path.c_str());
         if (!dir) {
             ZQLOG_WARN("Error opening dir: %s", current->path.c_str());
@@ -134,7 +140,15 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
             continue;
         }
         int readError = 0;  // the first error that hid entries of this folder
-        while (state == 0 && tracks < kTrackLimit) {
+        bool stopping = false;
+        while (tracks < kTrackLimit) {
+            // A paused walk waits here, between two entries, and goes on from
+            // here when started again, rather than end with what it has found
+            // so far. A stop ends it.
+            if (!holdWhilePaused()) {
+                stopping = true;
+                break;
+            }
             errno = 0;
             struct dirent* entry = readdir(dir);
             if (!entry) {
@@ -187,6 +201,8 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
                        std::strerror(readError));
             unreadable.push_back(current->path);
         }
+        if (stopping)
+            break;
     }
 
     if (tracks == kTrackLimit)
@@ -207,7 +223,9 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
 }
 
 void MSDCrawler::signalCompletion(const Operation& op) {
-    if (state != 0) {
+    // A crawler paused after its walk has still crawled everything: only a
+    // stopping one keeps quiet.
+    if (state == 1) {
         ZQLOG_INFO("Skip signalCrawlingFinished");
         return;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <functional>
 #include <string>
 
 #include "framework/Block.h"
@@ -26,8 +27,8 @@ namespace kestrow {
 // most once per operation.
 //
 // The sinks are not owned and are wired before launch(). doOperation and
-// signalCompletion run on the stage's thread; `state` is read without the
-// lock before each directory entry, so stop() or pause() end the walk early.
+// signalCompletion run on the stage's thread. Before each directory entry
+// the walk waits while the stage is paused, and ends once it is stopping.
 class MSDCrawler : public Server<Block<Directory*>, Block<FileInfo*>> {
 public:
     static const unsigned kTrackLimit = 16000;
@@ -40,15 +41,19 @@ public:
 
     void setPlaylistSink(BaseServer<Block<FileInfo*>>* sink);
     void setDirectorySink(BaseServer<Block<Directory*>>* sink);
+    // Called on the stage's thread with each directory's path before it is
+    // opened; lets a test hold the walk at a known point. Set before launch().
+    void setDirectoryHook(std::function<void(const std::string&)> hook);
 
     boost::shared_ptr<Block<FileInfo*>> doOperation(
         boost::shared_ptr<Block<Directory*>> in) override;
-    // Emits crawlingFinished(mount point) while the stage is running.
+    // Emits crawlingFinished(mount point) unless the stage is stopping.
     void signalCompletion(const Operation& op) override;
 
 private:
     BaseServer<Block<FileInfo*>>* playlistSink;
     BaseServer<Block<Directory*>>* directorySink;
+    std::function<void(const std::string&)> directoryHook;
 };
 
 }  // namespace kestrow

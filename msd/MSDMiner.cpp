@@ -3,13 +3,13 @@
 #include <sys/stat.h>
 #include <taglib/audioproperties.h>
 #include <taglib/fileref.h>
+#include <taglib/tdebuglistener.h>
 #include <taglib/tfile.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <exception>
-#include <iostream>
-#include <streambuf>
+#include <mutex>
+#include <string>
 
 #include "db/Timer.h"
 #include "msd/Encoder.h"
@@ -19,23 +19,31 @@ namespace kestrow {
 
 namespace {
 
-// Sends the standard error stream (std::cerr, where TagLib writes its
-// diagnostics) to a null stream for its lifetime. The file descriptor is left
-// alone, so the log's stderr mirror and the host's own output still work.
-class SilentStderr {
+// Takes TagLib's diagnostics into the log at debug level.
+class TagLibToLog : public TagLib::DebugListener {
 public:
-    SilentStderr() : saved_(std::cerr.rdbuf(&null_)) {}
-    ~SilentStderr() { std::cerr.rdbuf(saved_); }
-    SilentStderr(const SilentStderr&) = delete;
-    SilentStderr& operator=(const SilentStderr&) = delete;
-
-private:
-    struct NullBuffer : std::streambuf {
-        int overflow(int c) override { return traits_type::not_eof(c); }
-    };
-    NullBuffer null_;
-    std::streambuf* saved_;
+    void printMessage(const TagLib::String& message) override {
+        std::string text = message.to8Bit(true);
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+            text.pop_back();
+        ::implZQLog(0, DLT_LOG_DEBUG, zqPrettyFunction ? __PRETTY_FUNCTION__ : __func__, __LINE__,
+                    "", "%s", text.c_str());
+    }
 };
+
+// TagLib's diagnostics go to the log through its own listener, installed
+// once per process, instead of standard error being swapped per block:
+// overlapping miners must not leave std::cerr on a buffer that one of them
+// has freed, and the host's stderr stays its own.
+// The listener lives as long as the process: TagLib may report from any thread.
+void silenceTagLib() {
+    static std::once_flag once;
+    static TagLibToLog* listener = nullptr;
+    std::call_once(once, [] {
+        listener = new TagLibToLog();
+        TagLib::setDebugListener(listener);
+    });
+}
 
 }  // namespace
 
@@ -45,7 +53,7 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
     boost::shared_ptr<Block<FileInfo*>> in) {
     ZQLOG_INFO("MSDMiner for: %u (op: %d)", unsigned(in->items.size()), in->operation.id);
     Timer timer;
-    SilentStderr silent;
+    silenceTagLib();
 
     boost::shared_ptr<Block<MetaDataInfo*>> out(new Block<MetaDataInfo*>());
     out->operation = in->operation;

@@ -10,8 +10,8 @@
 namespace kestrow {
 
 // Reads the tags of each file of a block and emits one song record per file.
-// Runs on its own thread. While a block is read, the process's standard
-// error is sent to /dev/null (TagLib's diagnostics), process-wide.
+// Runs on its own thread. TagLib's diagnostics go to the log at debug level
+// (a listener installed once per process); standard error is never touched.
 class MSDMiner : public Server<Block<FileInfo*>, Block<MetaDataInfo*>> {
 public:
     explicit MSDMiner(const char* name);

@@ -39,6 +39,13 @@ void Kestrow::setPipelineFactory(PipelineFactory f) {
     pthread_mutex_unlock(&mutex);
 }
 
+bool Kestrow::anyRunning() const {
+    for (const auto& entry : operations)
+        if (entry.second && entry.second->getState() == 0)
+            return true;
+    return false;
+}
+
 size_t Kestrow::registeredCount() {
     pthread_mutex_lock(&mutex);
     size_t n = operations.size();
@@ -62,11 +69,13 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
                unsigned(handle), mountPoint.c_str());
 
     std::vector<KestrowOperation> toErase;
+    bool replacedRunning = false;
     for (auto& entry : operations) {
         if (entry.first.deviceId == deviceId && entry.first.mountPoint == mountPoint) {
             ZQLOG_INFO("Stopping %s type %d handle %u mp %s pipe %x", deviceId.c_str(), int(type),
                        unsigned(handle), mountPoint.c_str(), addr(entry.second));
             if (entry.second) {
+                replacedRunning = replacedRunning || entry.second->getState() == 0;
                 entry.second->stop();
                 entry.second->join();
                 delete entry.second;
@@ -101,6 +110,14 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
     operations[operation] = pipeline;
     // Housekeeping spares the database of every registered request.
     DatabaseMgr::instance().holdDevice(deviceId);
+    if (replacedRunning && !anyRunning()) {
+        // The replaced request was the one running: go on with the first in
+        // the map, as after a completion, rather than wait for a prioritisation.
+        SongDirectoryPipeline* first = operations.begin()->second;
+        ZQLOG_INFO("replaced the running request: go on %x", addr(first));
+        if (first)
+            first->start();
+    }
     try {
         pipeline->enqueueNewOperation(operation, isFirstPartition);
     } catch (const std::exception& e) {

@@ -17,7 +17,8 @@ class SongDirectoryPipeline;
 
 // The scheduler: registers indexing requests, runs one pipeline at a time in
 // map order, retires a pipeline when its completion block arrives, and lets
-// the host move a device to the front.
+// the host move a device to the front. When a new request replaces the
+// running one, the first request of the map runs next.
 //
 // `mutex` guards `operations` and `operationCounter`; it is taken before any
 // pipeline or stage lock, and stage threads never wait for it.
@@ -47,6 +48,8 @@ public:
 
 private:
     SongDirectoryPipeline* createPipeline(OperationType type);
+    // Whether a registered pipeline is running; under `mutex`.
+    bool anyRunning() const;
 
     pthread_mutex_t mutex;
     int operationCounter;

@@ -4,12 +4,18 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <boost/weak_ptr.hpp>
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "facade/KestrowQTProxy.h"
+#include "msd/MSDCrawler.h"
+#include "msd/MSDMiner.h"
 #include "orchestration/Kestrow.h"
+#include "orchestration/MSDPipeline.h"
 #include "platform/common/DatabaseMgr.h"
 #include "platform/common/Md5.h"
 #include "platform/log/LogCapture.h"
@@ -17,6 +23,8 @@
 #include "tests/support/TempDir.h"
 #include "tests/support/Wait.h"
 
+using kestrow::Block;
+using kestrow::FileInfo;
 using olvane::test::setMtime;
 using olvane::test::TempDir;
 using olvane::test::waitFor;
@@ -44,6 +52,86 @@ std::vector<std::string> dump(const std::string& dbFile, const std::string& sql)
     return rows;
 }
 
+// One stage thread waits at it, until the test lets it go (for good), with
+// the work in hand.
+class Latch {
+public:
+    void wait(boost::weak_ptr<void> inHand = {}) {
+        std::unique_lock<std::mutex> lock(mutex);
+        work = inHand;
+        reached = true;
+        cond.wait(lock, [&] { return released; });
+    }
+    bool isReached() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return reached;
+    }
+    void release() {
+        std::lock_guard<std::mutex> lock(mutex);
+        released = true;
+        cond.notify_all();
+    }
+    bool workDone() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return work.expired();
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable cond;
+    bool reached = false, released = false;
+    boost::weak_ptr<void> work;
+};
+
+// Where a pipeline waits at a latch: before the `at`-th directory of its
+// walk, or inside its miner's pass over the `at`-th block.
+struct Hold {
+    enum { NONE, CRAWL, MINE } where = NONE;
+    int at = 0;
+    Latch* latch = nullptr;
+};
+
+class HeldMiner : public kestrow::MSDMiner {
+public:
+    explicit HeldMiner(const Hold& hold) : MSDMiner("MSDMiner"), hold(hold) {}
+    boost::shared_ptr<Block<MetaDataInfo*>> doOperation(
+        boost::shared_ptr<Block<FileInfo*>> in) override {
+        if (++passes == hold.at)
+            hold.latch->wait(in);
+        return MSDMiner::doOperation(in);
+    }
+
+private:
+    Hold hold;
+    int passes = 0;
+};
+
+// The mass-storage pipeline, held as `hold` says.
+class HeldPipeline : public kestrow::MSDPipeline {
+public:
+    HeldPipeline(kestrow::Kestrow* owner, Hold hold) : MSDPipeline(owner) {
+        if (hold.where == Hold::CRAWL)
+            static_cast<kestrow::MSDCrawler*>(crawler())->setDirectoryHook(
+                [hold, opened = 0](const std::string&) mutable {
+                    if (++opened == hold.at)
+                        hold.latch->wait();
+                });
+        for (kestrow::Runnable*& child : children) {
+            auto* miner = dynamic_cast<kestrow::MSDMiner*>(child);
+            if (hold.where != Hold::MINE || !miner)
+                continue;
+            auto* held = new HeldMiner(hold);
+            held->next = miner->next;
+            for (kestrow::Runnable* r : children)
+                if (auto* s = dynamic_cast<kestrow::Server<Block<FileInfo*>, Block<FileInfo*>>*>(r);
+                    s && s->next == miner)
+                    s->next = held;
+            delete miner;
+            child = held;
+        }
+    }
+};
+
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -54,6 +142,8 @@ protected:
         root = tree.mkdir("usb");
     }
     void TearDown() override {
+        for (Latch& l : latches)
+            l.release();
         scheduler.stop();
         scheduler.join();
         KestrowQTProxy::instance().setScheduler(nullptr);
@@ -116,6 +206,8 @@ protected:
     TempDir dbDir;
     TempDir tree;
     std::string root;
+    Latch latches[4];
+    Hold nextHold;  // for the next pipeline, once a test installs HeldPipelines
     kestrow::Kestrow scheduler;
 };
 
@@ -190,6 +282,79 @@ TEST_F(EndToEndTest, IndexesATreeThenOnlyWhatChanged) {
     EXPECT_EQ(one("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKPATH LIKE '%Spad%';"), "0");
     EXPECT_EQ(one("SELECT COUNT(*) FROM DIRECTORIES;"), "11");
     EXPECT_EQ(DatabaseMgr::instance().getStatus("usb1", root), "OK");
+}
+
+// Prioritising another device while one is indexed holds that work where it
+// is: once both are done, the held device's tables are those of a run that
+// nothing interrupted. The other device waits at its first directory until
+// the held stage has gone as far as it goes while paused.
+TEST_F(EndToEndTest, PrioritisingAnotherDeviceHoldsTheIndexingInHand) {
+    std::vector<std::string> songs;
+    for (int d = 0; d < 20; ++d)
+        for (int s = 0; s < 100; ++s)
+            songs.push_back(
+                tree.copySample("gears-iron-road.mp3",
+                                "usb/d" + std::to_string(d) + "/" + std::to_string(s) + ".mp3"));
+    tree.write("usb/list.m3u", "d0/0.mp3\nd19/99.mp3\n");
+    const std::string other = tree.mkdir("other");
+    tree.copySample("gears-copper-sky.mp3", "other/x.mp3");
+    scheduler.setPipelineFactory([this](kestrow::OperationType, kestrow::Kestrow* owner) {
+        Hold hold = nextHold;
+        nextHold = Hold();
+        return new HeldPipeline(owner, hold);
+    });
+    index();
+    const auto clean = allTables();
+    ASSERT_EQ(clean.at("SONGS").size(), 2000u);
+
+    olvane::LogCapture cap;
+    KestrowQTProxy& proxy = KestrowQTProxy::instance();
+    const QString mp = QString::fromStdString(root), otherMp = QString::fromStdString(other);
+    auto holdForOther = [&](Hold hold, Latch& forOther, std::function<bool()> settled) {
+        olvane::test::SignalLog sigs;
+        cap.clear();
+        nextHold = hold;
+        proxy.startIndexing("usb1", mp, true);
+        ASSERT_TRUE(waitFor([&] { return hold.latch->isReached(); }, 60000));
+        nextHold = Hold{Hold::CRAWL, 1, &forOther};
+        proxy.startIndexing("usb2", otherMp, true);
+        proxy.prioritizeMsdDevice("usb2", otherMp);
+        ASSERT_TRUE(waitFor([&] { return forOther.isReached(); }));
+        hold.latch->release();
+        ASSERT_TRUE(waitFor(settled));
+        forOther.release();
+        EXPECT_TRUE(waitFor(
+            [&] {
+                return sigs.entries.filter("indexingFinished ") ==
+                           QStringList({"indexingFinished " + otherMp, "indexingFinished " + mp}) &&
+                       scheduler.registeredCount() == 0;
+            },
+            60000));
+        EXPECT_EQ(DatabaseMgr::instance().getStatus("usb1", root), "OK");
+    };
+    auto expectSame = [](const auto& want, const auto& got) {
+        for (const auto& [table, rows] : want) {
+            EXPECT_EQ(rows.size(), got.at(table).size()) << table;
+            EXPECT_TRUE(rows == got.at(table)) << table;
+        }
+    };
+
+    // In the middle of the walk: before the 11th of 21 directories.
+    holdForOther({Hold::CRAWL, 11, &latches[0]}, latches[1], [&] {
+        return cap.contains("MSDCrawler held while paused") || cap.contains("MSDCrawler timer");
+    });
+    expectSame(clean, allTables());
+
+    // Every song changed, so all are read again: inside the miner's pass over
+    // the second of four batches.
+    for (const std::string& song : songs)
+        setMtime(song, 1000000000);
+    holdForOther({Hold::MINE, 2, &latches[2]}, latches[3], [&] { return latches[2].workDone(); });
+    const auto held = allTables();
+    TempDir cleanDb;
+    DatabaseMgr::instance().setDatabaseDirectory(cleanDb.path());
+    index();
+    expectSame(allTables(), held);
 }
 
 }  // namespace

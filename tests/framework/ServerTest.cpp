@@ -16,15 +16,14 @@ namespace {
 using Pass = std::function<boost::shared_ptr<RecBlock>(boost::shared_ptr<RecBlock>)>;
 
 struct Outcome {
-    std::atomic<int> destroyed[2]{};  // records of the other blocks, of block 10
+    std::atomic<int> destroyed{0};  // records of the blocks sent
     std::vector<boost::shared_ptr<RecBlock>> got;
     std::vector<int> completed;
 };
 
 // Sends blocks 1 (completing), 2, 10 and 11 (completing) through a stage doing
 // `pass`. Ids from 10 pause the stage during their pass; it is started again
-// once block 10 has been dealt with (its record is then freed). Paused, only
-// the completing block 11 may go on.
+// once block 10 has gone on. Paused, the stage still hands every result on.
 void feed(const Pass& pass, Outcome& out) {
     Stage<RecBlock> sink("Sink");
     Stage<RecBlock> stage(
@@ -37,28 +36,28 @@ void feed(const Pass& pass, Outcome& out) {
         &sink);
     launchAndStart({&sink, &stage});
     for (int id : {1, 2, 10})
-        stage.enqueue(block<RecBlock>(id, id == 1, 1, &out.destroyed[id == 10]));
-    ASSERT_TRUE(waitFor([&] { return out.destroyed[1] == 1; }));
-    stage.start();
-    stage.enqueue(block<RecBlock>(11, true, 1, &out.destroyed[0]));
+        stage.enqueue(block<RecBlock>(id, id == 1, 1, &out.destroyed));
     ASSERT_TRUE(waitFor([&] { return sink.got().size() == 3; }));
+    stage.start();
+    stage.enqueue(block<RecBlock>(11, true, 1, &out.destroyed));
+    ASSERT_TRUE(waitFor([&] { return sink.got().size() == 4; }));
     stopAndJoin({&stage, &sink});
     out.got = sink.got();
     out.completed = stage.completed;
     std::vector<int> ids;
     for (const auto& b : out.got)
         ids.push_back(b->operation.id);
-    EXPECT_EQ(std::vector<int>({1, 2, 11}), ids);
+    EXPECT_EQ(std::vector<int>({1, 2, 10, 11}), ids);
 }
 
 }  // namespace
 
-// Running, every result goes on and completing ones are signalled. A failing
-// pass sends the operation on as an empty block, unsignalled.
-TEST(ServerTest, PausedStageForwardsOnlyCompletingBlocksAndFailuresSendEmptyOnes) {
+// Running or paused, every result goes on and completing ones are signalled.
+// A failing pass sends the operation on as an empty block, unsignalled.
+TEST(ServerTest, PausedStageHandsEveryResultOnAndFailuresSendEmptyOnes) {
     Outcome passed, failed;
     feed([](boost::shared_ptr<RecBlock> in) { return in; }, passed);
-    EXPECT_EQ(std::vector<int>({1}), passed.completed);
+    EXPECT_EQ(std::vector<int>({1, 11}), passed.completed);
 
     feed(
         [](boost::shared_ptr<RecBlock> in) -> boost::shared_ptr<RecBlock> {
@@ -69,10 +68,10 @@ TEST(ServerTest, PausedStageForwardsOnlyCompletingBlocksAndFailuresSendEmptyOnes
     for (const auto& b : failed.got) {
         SCOPED_TRACE(b->operation.id);
         EXPECT_TRUE(b->items.empty());
-        EXPECT_EQ(b->operation.id != 2, b->operation.lastBlock);
+        EXPECT_EQ(b->operation.id == 1 || b->operation.id == 11, b->operation.lastBlock);
         EXPECT_TRUE(b->operation.deviceGone);
         EXPECT_EQ("/media/usb", b->operation.mountPoint);
     }
     EXPECT_TRUE(failed.completed.empty());
-    EXPECT_EQ(3, failed.destroyed[0]);
+    EXPECT_EQ(4, failed.destroyed);
 }

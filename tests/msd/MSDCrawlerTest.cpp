@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 #include "tests/msd/MsdTestSupport.h"
+#include "tests/support/Wait.h"
 
 using namespace olvane::test;
 
@@ -95,4 +98,36 @@ TEST_F(MSDCrawlerTest, LinksNeitherLoopNorLeaveTheMountPoint) {
     for (const char* out : {"/root", "/out.mp3"})
         EXPECT_EQ(1, cap.count("link leads out of the mount point, skipped: " + usb + out));
     EXPECT_EQ(1, cap.count("directory already walked, skipped: " + usb + "/music/up"));
+}
+
+// Paused, the walk waits between two entries, and a stop ends it there. Only
+// a stopping crawler keeps crawlingFinished back.
+TEST_F(MSDCrawlerTest, APausedWalkWaitsAndAStopEndsIt) {
+    for (const char* dir : {"a", "b", "c"})
+        t.write("usb/" + std::string(dir) + "/s.mp3", "");
+    kestrow::MSDCrawler crawler("MSDCrawler");
+    StageCollector<kestrow::Block<kestrow::FileInfo*>> playlists;
+    StageCollector<kestrow::Block<kestrow::Directory*>> directories;
+    crawler.setPlaylistSink(&playlists);
+    crawler.setDirectorySink(&directories);
+    std::atomic<int> opened{0};
+    crawler.setDirectoryHook([&](const std::string&) {
+        if (++opened == 3)
+            crawler.pause();
+    });
+    crawler.start();
+    std::atomic<int> found{-1};
+    std::thread walk([&] { found = int(crawler.doOperation(rootBlock(usb))->items.size()); });
+    ASSERT_TRUE(waitFor([&] { return cap.contains("MSDCrawler held while paused"); }));
+    QSignalSpy finished(&KestrowQTProxy::instance(), &KestrowQTProxy::crawlingFinished);
+    const kestrow::Operation op = rootBlock(usb)->operation;
+    crawler.signalCompletion(op);
+    crawler.stop();
+    ASSERT_TRUE(waitFor([&] { return found >= 0; }));
+    walk.join();
+    crawler.signalCompletion(op);
+    EXPECT_EQ(1, found);
+    EXPECT_EQ(3, opened);
+    EXPECT_EQ(1, finished.count());
+    EXPECT_EQ(1, cap.count("Skip signalCrawlingFinished"));
 }

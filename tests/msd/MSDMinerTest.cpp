@@ -1,6 +1,13 @@
 #include "msd/MSDMiner.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <thread>
 
 #include "tests/msd/MsdTestSupport.h"
 
@@ -13,6 +20,11 @@ protected:
     // Mines the files at `paths`, found below `mountPoint`.
     boost::shared_ptr<kestrow::Block<MetaDataInfo*>> mine(const std::string& mountPoint,
                                                           const Strings& paths) {
+        return mine(miner, mountPoint, paths);
+    }
+    static boost::shared_ptr<kestrow::Block<MetaDataInfo*>> mine(kestrow::MSDMiner& miner,
+                                                                 const std::string& mountPoint,
+                                                                 const Strings& paths) {
         FileBlock in(new kestrow::Block<FileInfo*>());
         in->operation = kestrow::Operation(7, 0, "dev1", mountPoint, true);
         for (const std::string& p : paths)
@@ -84,4 +96,45 @@ TEST_F(MSDMinerTest, FullDatabaseSkipsTheBlock) {
     EXPECT_TRUE(out->items.empty());
     EXPECT_EQ(1, cap.count("MSDMiner SKIPPED db size limit reached (op: 7)"));
     EXPECT_EQ(1, cap.countContaining("SKIPPED"));
+}
+
+// Two miners overlap (as when another device is prioritised): neither may
+// touch the host's std::cerr, and TagLib's complaints about broken files
+// stay off the process's stderr.
+TEST_F(MSDMinerTest, OverlappingMinersLeaveTheHostsStderrAlone) {
+    Strings paths;
+    for (int i = 0; i < 200; ++i)
+        paths.push_back(i % 2
+                            ? mount.copySample("truncated.flac", std::to_string(i) + ".flac")
+                            : mount.copySample("gears-iron-road.mp3", std::to_string(i) + ".mp3"));
+    std::streambuf* host = std::cerr.rdbuf();
+    const std::string errFile = mount.file("stderr.txt");
+    std::fflush(stderr);
+    const int savedErr = ::dup(2);
+    const int errFd = ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_TRUE(savedErr >= 0 && errFd >= 0);
+    ::dup2(errFd, 2);
+
+    std::atomic<bool> mining{true};
+    std::atomic<int> swapped{0};
+    std::thread watcher([&] {
+        while (mining)
+            swapped += std::cerr.rdbuf() != host;
+    });
+    kestrow::MSDMiner other("MSDMiner");
+    std::thread second([&] { mine(other, mount.path(), paths); });
+    mine(mount.path(), paths);
+    second.join();
+    mining = false;
+    watcher.join();
+
+    std::fflush(stderr);
+    ::dup2(savedErr, 2);
+    ::close(savedErr);
+    ::close(errFd);
+    EXPECT_EQ(0, swapped);
+    EXPECT_TRUE(std::cerr.rdbuf() == host);
+    std::stringstream written;
+    written << std::ifstream(errFile).rdbuf();
+    EXPECT_EQ("", written.str());
 }
