@@ -8,6 +8,7 @@
 #include <QJsonObject>
 
 #include "platform/common/DatabaseMgr.h"
+#include "platform/common/MountPointScope.h"
 
 namespace olvane {
 namespace tool {
@@ -79,8 +80,9 @@ long long DatabaseSummary::songsUnder(const std::string& deviceId, const std::st
     ReadOnlyDb db(DatabaseMgr::instance().getDbNameFromDevId(deviceId));
     if (!db.ok())
         return -1;
-    return db.count("SELECT COUNT(*) FROM SONGS WHERE substr(PATH, 1, length(?1)) = ?1;",
-                    mountPoint);
+    const std::string sql =
+        "SELECT COUNT(*) FROM SONGS WHERE " + MountPointScope::sqlCondition("PATH") + ";";
+    return db.count(sql.c_str(), mountPoint);
 }
 
 std::string DatabaseSummary::plain() const {

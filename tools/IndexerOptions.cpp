@@ -11,7 +11,7 @@ namespace tool {
 
 std::string IndexerOptions::usage() {
     return "usage: olvane-indexer [--db-dir DIR] [--device-id ID] [--json] [--log LEVEL]\n"
-           "                      [--no-progress] MOUNT_POINT...\n"
+           "                      [--codepages LIST] [--no-progress] MOUNT_POINT...\n"
            "       olvane-indexer show [--db-dir DIR] [--json] DEVICE_ID\n"
            "\n"
            "Indexes each MOUNT_POINT as one partition of one device, one after the other\n"
@@ -27,6 +27,9 @@ std::string IndexerOptions::usage() {
            "  --json           one JSON object per line: {\"args\":[..],\"ms\":..,\"signal\":..}\n"
            "  --log LEVEL      mirror the library's log lines of LEVEL or above to stderr:\n"
            "                   error, warning, info, debug or verbose\n"
+           "  --codepages LIST the legacy code pages of the markets the tags come from, most\n"
+           "                   likely first, e.g. WINDOWS-1257,ISO-8859-13: they are tried\n"
+           "                   first, and the first is kept when no reading is clearly better\n"
            "  --no-progress    no status line on stderr\n"
            "\n"
            "show prints the counts of songs, artists, albums, genres, composers, playlists\n"
@@ -51,10 +54,11 @@ bool IndexerOptions::parse(int argc, char** argv, IndexerOptions& out, std::stri
     const QCommandLineOption deviceId("device-id", QString(), "ID");
     const QCommandLineOption log("log", QString(), "LEVEL");
     const QCommandLineOption noProgress("no-progress");
+    const QCommandLineOption codepages("codepages", QString(), "LIST");
     QCommandLineParser parser;
     parser.addOptions({help, dbDir, json});
     if (out.command == INDEX)
-        parser.addOptions({deviceId, log, noProgress});
+        parser.addOptions({deviceId, log, noProgress, codepages});
     if (!parser.parse(args)) {
         error = parser.errorText().toStdString();
         return false;
@@ -77,6 +81,7 @@ bool IndexerOptions::parse(int argc, char** argv, IndexerOptions& out, std::stri
     out.deviceId = parser.value(deviceId).toStdString();
     out.logLevel = parser.value(log).toStdString();
     out.progress = !parser.isSet(noProgress);
+    out.codepages = parser.value(codepages).toStdString();
     const QStringList levels = {"error", "warning", "info", "debug", "verbose"};
     if (parser.isSet(log) && !levels.contains(parser.value(log))) {
         error = "unknown log level: " + out.logLevel;

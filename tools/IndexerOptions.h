@@ -16,6 +16,7 @@ struct IndexerOptions {
     bool json = false;
     std::string logLevel;
     bool progress = true;
+    std::string codepages;  // INDEX: the market's code pages, most likely first; empty: default
     std::vector<std::string> mountPoints;  // INDEX
 
     // Fills `out` from argv; on a usage error returns false with `error` set.

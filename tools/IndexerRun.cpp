@@ -91,21 +91,22 @@ void IndexerRun::requestNext() {
     ++current_;
     currentFinished_ = false;
     failure_.clear();
-    KestrowQTProxy::instance().startIndexing(QString::fromStdString(deviceId_),
-                                             QFile::decodeName(mountPoints_[current_].c_str()),
-                                             current_ == 0);
-    // The first request starts a new attach of the device, which forgets the
-    // partitions not seen in it. The others are asked for only later, so they
-    // are marked as seen now; else the end of the first would drop their rows.
     if (current_ == 0) {
-        for (size_t i = 1; i < mountPoints_.size(); ++i) {
+        // A new attach of the device forgets, at the end of each indexing, the
+        // partitions not seen in it. The mount points are asked for one at a
+        // time, so the attach is begun here with all of them seen before any
+        // indexing can end; each request then only adds its own partition.
+        for (size_t i = 0; i < mountPoints_.size(); ++i) {
             try {
-                DatabaseMgr::instance().createDb(deviceId_, mountPoints_[i], false);
+                DatabaseMgr::instance().createDb(deviceId_, mountPoints_[i], i == 0);
             } catch (const std::exception&) {
                 // Its own request reports the failure.
             }
         }
     }
+    KestrowQTProxy::instance().startIndexing(QString::fromStdString(deviceId_),
+                                             QFile::decodeName(mountPoints_[current_].c_str()),
+                                             false);
 }
 
 void IndexerRun::print(const QString& signal, const QStringList& args) {

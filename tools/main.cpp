@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdio>
 
+#include "platform/codingdata/CodingData.h"
 #include "platform/common/DatabaseMgr.h"
 #include "tools/DatabaseSummary.h"
 #include "tools/IndexerOptions.h"
@@ -85,6 +86,11 @@ int main(int argc, char** argv) {
     // Before the library logs anything: the level is read once.
     if (!options.logLevel.empty())
         setenv("OLVANE_LOG", options.logLevel.c_str(), 1);
+    if (!options.codepages.empty() && setMarketCodePages(options.codepages.c_str()) != 0) {
+        std::fprintf(stderr, "olvane-indexer: unknown code page in %s\n",
+                     options.codepages.c_str());
+        return 2;
+    }
     const std::string deviceId = options.deviceId.empty()
                                      ? IndexerOptions::deriveDeviceId(mountPoints.front())
                                      : options.deviceId;

@@ -113,7 +113,10 @@ TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
     EXPECT_TRUE(notDir.err.contains("is not a directory"));
     EXPECT_FALSE(QDir(dbDir()).exists());  // nothing was requested
 
-    for (const QStringList& bad : {QStringList{"--bogus", mp()}, {"--log", "loud", mp()}, {}})
+    for (const QStringList& bad : {QStringList{"--bogus", mp()},
+                                   {"--log", "loud", mp()},
+                                   {"--codepages=WINDOWS-1252,KLINGON", mp()},
+                                   {}})
         EXPECT_EQ(run(withDb(bad)).exitCode, 2) << bad.join(' ').toStdString();
     Result missing = run(QStringList{"show"} + withDb({"nosuchdevice"}));
     EXPECT_EQ(missing.exitCode, 1);
