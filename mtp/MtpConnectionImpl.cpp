@@ -179,6 +179,10 @@ bool MtpConnection::Impl::loadDeviceData(t_playlist_items_list& tracks,
         ZQLOG_ERROR("Device with handle %d disconnected or not found", int(handle));
         return false;
     }
+    // Counts from no selection: a playlist left selected by the last playlist
+    // reading would make the track count that playlist's, and cut the tracks.
+    if (t_status status = Command_ResetCategory(handle))
+        checkStatus("Command_ResetCategory", status);
     unsigned nTracks = 0, nPlaylists = 0;
     if (Access_GetNumElements(handle, CATEGORY_TRACKS, nTracks) != STATUS_OK ||
         Access_GetNumElements(handle, CATEGORY_PLAYLISTS, nPlaylists) != STATUS_OK) {
