@@ -12,6 +12,8 @@
 #include <QStringList>
 
 #include "platform/common/DatabaseMgr.h"
+#include "tests/support/SimulatedPhone.h"
+#include "tests/support/Sql.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Wait.h"
 
@@ -113,14 +115,52 @@ TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
     EXPECT_TRUE(notDir.err.contains("is not a directory"));
     EXPECT_FALSE(QDir(dbDir()).exists());  // nothing was requested
 
+    const QString phone = QString::fromStdString(tree.mkdir("phone"));
     for (const QStringList& bad : {QStringList{"--bogus", mp()},
                                    {"--log", "loud", mp()},
                                    {"--codepages=WINDOWS-1252,KLINGON", mp()},
-                                   {}})
+                                   {},
+                                   {"--handle", "2", mp()},
+                                   {"--mtp-sim", phone, mp()},
+                                   {"--mtp-sim", phone, "--handle", "0"},
+                                   {"--mtp-sim", phone, "--sim-faults", "page=2,busy=nothing:1"}})
         EXPECT_EQ(run(withDb(bad)).exitCode, 2) << bad.join(' ').toStdString();
     Result missing = run(QStringList{"show"} + withDb({"nosuchdevice"}));
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_TRUE(missing.err.contains("no database for device nosuchdevice"));
+}
+
+// A simulated phone, listed two objects at a time, with an empty answer in
+// the middle of a folder, announced ready late; then again, unchanged.
+TEST_F(OlvaneIndexerTest, IndexesASimulatedPhone) {
+    const QStringList args =
+        withDb({"--mtp-sim", QString::fromStdString(olvane::test::makePhoneTree(tree)),
+                "--device-id", "phone", "--handle", "3", "--ready-after", "300", "--sim-faults",
+                "page=2,empty=Phone/Music:1"});
+    const QString mtp = "mtp-folder://phone";
+    Result first = run(args);
+    ASSERT_EQ(first.exitCode, 0) << first.err.toStdString();
+    EXPECT_EQ(first.lines.count("crawlingFinished " + mtp), 1);
+    EXPECT_EQ(first.lines.last(), "indexingFinished " + mtp);
+
+    DatabaseMgr::instance().setDatabaseDirectory(dbDir().toStdString());
+    auto column = [](const std::string& sql) { return olvane::test::dbColumn("phone", sql); };
+    const std::string songs = "SELECT ID || ' ' || PATH FROM SONGS ORDER BY 1;";
+    const std::vector<std::string> indexed = column(songs);
+    EXPECT_EQ(
+        std::vector<std::string>({"1 Phone/Music/Gears/copper.mp3", "2 Phone/Music/Gears/iron.mp3",
+                                  "3 Phone/Music/Jazz/blue.m4a"}),
+        indexed);
+    EXPECT_EQ(std::vector<std::string>({"3"}),
+              column("SELECT COUNT(DISTINCT TRACKID) FROM PLAYLISTS WHERE TRACKID IN "
+                     "(SELECT OBJECTID FROM SONGS);"));
+
+    Result again = run(args + QStringList{"--json"});
+    ASSERT_EQ(again.exitCode, 0) << again.err.toStdString();
+    EXPECT_EQ(QJsonDocument::fromJson(again.lines.first().toUtf8()).object()["signal"],
+              "databaseExists");
+    EXPECT_EQ(indexed, column(songs));
+    EXPECT_EQ("OK", DatabaseMgr::instance().getStatus("phone", mtp.toStdString()));
 }
 
 // Volume labels in any script; given in an order that is not the library's
