@@ -104,10 +104,9 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
     freeList(trackList, 0);
     freeList(playlistList, 0);
 
-    // A catalogue that could not be loaded counts as a device gone: what was
-    // found is not the device, so nothing may be deleted for it. An unplugged
-    // device counts as gone even when a late announcement marked it ready.
-    if (!loaded || !registry.isDeviceReady(op.handle) || !registry.isDeviceConnected(op.handle)) {
+    // A catalogue not loaded counts as a device gone, also when an unplugged
+    // device was announced ready after all: nothing may be deleted for it.
+    if (!loaded || !registry.isDeviceReady(op.handle)) {
         if (!registry.isDeviceReady(op.handle))
             ZQLOG_WARN("setInterrupted device is not ready");
         tracks->operation.deviceGone = true;

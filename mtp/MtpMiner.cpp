@@ -30,11 +30,8 @@ boost::shared_ptr<Block<MetaDataInfo*>> MtpMiner::doOperation(
     MtpConnection connection(op.handle, op.deviceId);
     size_t next = 0;
     for (const FileInfo* file : in->items) {
-        if (!MtpDevice::instance().isDeviceConnected(op.handle)) {
-            // The songs not read are missing: the database does not hold the device.
-            out->operation.deviceGone = true;
+        if (!MtpDevice::instance().isDeviceConnected(op.handle))
             break;
-        }
         if (!file || !file->path)
             continue;
         try {
@@ -50,6 +47,9 @@ boost::shared_ptr<Block<MetaDataInfo*>> MtpMiner::doOperation(
         }
     }
 
+    // Songs may be missing: the database does not hold the whole device.
+    if (!MtpDevice::instance().isDeviceConnected(op.handle))
+        out->operation.deviceGone = true;
     ZQLOG_INFO("MtpMiner timer: %ld (op: %d)", timer.stop(), op.id);
     return out;
 }

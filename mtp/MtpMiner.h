@@ -13,7 +13,7 @@ namespace kestrow {
 // block's device, in input order. The output block has one slot per input
 // file; records fill the slots from the first, and the slots left over stay
 // null (a track with no record, the device gone, the database full). A
-// device gone before the end of the block marks the output deviceGone.
+// device gone by the end of the block marks the output deviceGone.
 // Runs on the stage's own thread.
 class MtpMiner : public Server<Block<FileInfo*>, Block<MetaDataInfo*>> {
 public:

@@ -17,17 +17,17 @@ boost::shared_ptr<Block<Playlist*>> MtpPlaylistMiner::doOperation(
     out->operation = op;
     MtpConnection connection(op.handle, op.deviceId);
     for (const FileInfo* file : in->items) {
-        if (!MtpDevice::instance().isDeviceConnected(op.handle)) {
-            // The playlists not read are missing: the database does not hold the device.
-            out->operation.deviceGone = true;
+        if (!MtpDevice::instance().isDeviceConnected(op.handle))
             break;
-        }
         if (!file)
             continue;
         if (Playlist* playlist =
                 connection.generatePlaylist(op.deviceId, op.mountPoint, file->reserved))
             out->items.push_back(playlist);
     }
+    // Playlists may be missing: the database does not hold the whole device.
+    if (!MtpDevice::instance().isDeviceConnected(op.handle))
+        out->operation.deviceGone = true;
     ZQLOG_INFO("MtpPlaylistMiner done (op: %d)", op.id);
     return out;
 }

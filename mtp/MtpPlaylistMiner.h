@@ -11,8 +11,8 @@ namespace kestrow {
 
 // Makes one Playlist per device playlist of a block (FileInfo::reserved is
 // the playlist's object number), through an MtpConnection of the block's
-// device, in input order; empty playlists yield none. A device gone before
-// the end of the block marks the output deviceGone. Runs on the stage's own
+// device, in input order; empty playlists yield none. A device gone by the
+// end of the block marks the output deviceGone. Runs on the stage's own
 // thread.
 class MtpPlaylistMiner : public Server<Block<FileInfo*>, Block<Playlist*>> {
 public:

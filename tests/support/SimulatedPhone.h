@@ -1,5 +1,5 @@
 #pragma once
-// A simulated phone for the MTP tests: a tree of sample files attached to the
+// A simulated phone for the MTP tests: sample files attached to the
 // device-access library under a handle, whose unplug reaches the MtpDevice
 // registry as on the head unit, with no real pause between the tries of a
 // busy library.
@@ -11,19 +11,17 @@
 
 #include "mtp/MtpConnection.h"
 #include "mtp/MtpDevice.h"
-#include "platform/log/LogCapture.h"
 #include "platform/portolan/DeviceTable.h"
 #include "platform/portolan/SimulatedDevice.h"
 #include "tests/support/TempDir.h"
-#include "tests/support/Wait.h"
 
 namespace olvane::test {
 
-// Makes the storage folder `relative` in `dir` and returns its path. Raw paths
-// are "Phone/...". Indexable: Music/Gears/iron.mp3, Music/Gears/copper.mp3,
-// Music/Jazz/blue.m4a. Never indexed: Music/skip.ogg, Music/.secret.mp3 and
-// DCIM/motor.mp3 (a top-level DCIM, listed before Music). Playlists:
-// Music/Road.m3u (iron, blue, skip.ogg, the DCIM song), Music/Best.m3u (copper).
+// Makes the storage folder `relative` in `dir`; raw paths are "Phone/...".
+// Indexable: Music/Gears/iron.mp3, Music/Gears/copper.mp3, Music/Jazz/blue.m4a.
+// Never indexed: Music/skip.ogg, Music/.secret.mp3 and DCIM/motor.mp3 (a
+// top-level DCIM, listed before Music). Playlists: Music/Road.m3u (iron, blue,
+// skip.ogg, the DCIM song), Music/Best.m3u (copper).
 inline std::string makePhoneTree(const TempDir& dir, const std::string& relative = "phone") {
     dir.copySample("gears-iron-road.mp3", relative + "/Music/Gears/iron.mp3");
     dir.copySample("gears-copper-sky.mp3", relative + "/Music/Gears/copper.mp3");
@@ -37,8 +35,8 @@ inline std::string makePhoneTree(const TempDir& dir, const std::string& relative
     return dir.file(relative);
 }
 
-// Attaches the folder as the storage "Phone" for the object's life, with the
-// unplug hook wired to the registry (or to `hook`) and no real sleeps.
+// Attaches `folder` as the storage "Phone" for the object's life, with the
+// unplug hook wired to the registry (or to `hook`).
 class PluggedPhone {
 public:
     PluggedPhone(t_handle handle_, const std::string& deviceId, const std::string& folder,
@@ -56,20 +54,9 @@ public:
         portolan::DeviceTable::instance().setUnplugHook(nullptr);
         kestrow::MtpConnection::setSleepFunction(nullptr);
     }
-    PluggedPhone(const PluggedPhone&) = delete;
-    PluggedPhone& operator=(const PluggedPhone&) = delete;
 
     const t_handle handle;
     std::shared_ptr<portolan::SimulatedDevice> device;
 };
-
-// Announces `handle` ready once a crawler has marked it connected for the
-// `nth` time since `log` began: the announcement the crawler waits for.
-inline bool announceWhenConnected(const olvane::LogCapture& log, t_handle handle, int nth = 1) {
-    if (!waitFor([&] { return log.count("setDeviceConnected DONE") >= nth; }, 60000))
-        return false;
-    kestrow::MtpDevice::instance().setDeviceReady(handle);
-    return true;
-}
 
 }  // namespace olvane::test
