@@ -15,8 +15,8 @@ namespace kestrow {
 
 namespace {
 
-void freeList(t_playlist_items_list& list, unsigned from) {
-    for (unsigned i = from; i < list.count; ++i)
+void freeList(t_playlist_items_list& list) {
+    for (unsigned i = 0; i < list.count; ++i)
         std::free(list.items[i].name);
     std::free(list.items);
     list.count = 0;
@@ -68,8 +68,8 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
 
     if (loaded) {
         ZQLOG_INFO("GOT back %u mtp tracks", trackList.count);
-        unsigned i = 0;
-        for (; i < trackList.count && registry.isDeviceReady(op.handle); ++i) {
+        unsigned i;
+        for (i = 0; i < trackList.count && registry.isDeviceReady(op.handle); ++i) {
             if (i % 100 == 0)
                 ZQLOG_INFO("Craweled track %u/%u", i, trackList.count);
             const t_track_id id = trackList.items[i].id;
@@ -78,8 +78,6 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
             if (!rawPath.empty())
                 tracks->items.push_back(
                     new FileInfo(MtpUtils::getPathForMtpTrack(id, op.deviceId, rawPath), id, 0));
-            std::free(trackList.items[i].name);
-            trackList.items[i].name = nullptr;
         }
         for (i = 0; i < playlistList.count && registry.isDeviceReady(op.handle); ++i) {
             if (i % 100 == 0)
@@ -89,8 +87,6 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
                 new FileInfo(MtpUtils::getPathForMtpTrack(id, op.deviceId,
                                                           "mtp-playlist://" + std::to_string(id)),
                              id, 0));
-            std::free(playlistList.items[i].name);
-            playlistList.items[i].name = nullptr;
         }
         std::vector<std::string> dirs;
         connection.MTPCreateDirCache(dirs, trackList);
@@ -100,9 +96,9 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
                 folders->items.push_back(folder);
         }
     }
-    // The names a stopped walk did not reach are freed with the arrays.
-    freeList(trackList, 0);
-    freeList(playlistList, 0);
+    // Every name is freed with its list, those a stopped walk did not reach too.
+    freeList(trackList);
+    freeList(playlistList);
 
     // A catalogue not loaded counts as a device gone, also when an unplugged
     // device was announced ready after all: nothing may be deleted for it.
