@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "orchestration/MSDPipeline.h"
+#include "orchestration/MtpPipeline.h"
 #include "orchestration/SongDirectoryPipeline.h"
 #include "platform/common/DatabaseMgr.h"
 
@@ -58,8 +59,7 @@ SongDirectoryPipeline* Kestrow::createPipeline(OperationType type) {
         return factory(type, this);
     if (type == MSD_OPERATION)
         return new MSDPipeline(this);
-    // MTP devices are not indexed by this build.
-    return nullptr;
+    return new MtpPipeline(this);
 }
 
 void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceId, size_t handle,

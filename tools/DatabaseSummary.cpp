@@ -80,6 +80,9 @@ long long DatabaseSummary::songsUnder(const std::string& deviceId, const std::st
     ReadOnlyDb db(DatabaseMgr::instance().getDbNameFromDevId(deviceId));
     if (!db.ok())
         return -1;
+    // An MTP device's songs are all in its own database, by the phone's paths.
+    if (mountPoint.rfind("mtp-folder://", 0) == 0)
+        return db.count("SELECT COUNT(*) FROM SONGS;");
     const std::string sql =
         "SELECT COUNT(*) FROM SONGS WHERE " + MountPointScope::sqlCondition("PATH") + ";";
     return db.count(sql.c_str(), mountPoint);

@@ -5,6 +5,7 @@
 #include <QStringList>
 
 #include "platform/common/Md5.h"
+#include "tools/MtpSimulation.h"
 
 namespace olvane {
 namespace tool {
@@ -12,6 +13,8 @@ namespace tool {
 std::string IndexerOptions::usage() {
     return "usage: olvane-indexer [--db-dir DIR] [--device-id ID] [--json] [--log LEVEL]\n"
            "                      [--codepages LIST] [--no-progress] MOUNT_POINT...\n"
+           "       olvane-indexer --mtp-sim DIR [--handle N] [--device-id ID] [--ready-after MS]\n"
+           "                      [--sim-faults SPEC] [--db-dir DIR] [--json] [--log LEVEL]\n"
            "       olvane-indexer show [--db-dir DIR] [--json] DEVICE_ID\n"
            "\n"
            "Indexes each MOUNT_POINT as one partition of one device, one after the other\n"
@@ -31,6 +34,16 @@ std::string IndexerOptions::usage() {
            "                   likely first, e.g. WINDOWS-1257,ISO-8859-13: they are tried\n"
            "                   first, and the first is kept when no reading is clearly better\n"
            "  --no-progress    no status line on stderr\n"
+           "\n"
+           "With --mtp-sim, indexes a phone simulated over the folder DIR (its storage\n"
+           "\"Phone\") as an MTP device, whose signals carry mtp-folder://ID; without\n"
+           "--device-id the id is derived from DIR as from a mount point.\n"
+           "  --handle N       the phone's device handle (default 1)\n"
+           "  --ready-after MS announce the phone ready MS milliseconds after the request\n"
+           "                   (default 0), then every 250 ms until its crawl has finished\n"
+           "  --sim-faults SPEC faults of the simulated phone\n"
+           "\n" +
+           MtpSimulation::faultsGrammar() +
            "\n"
            "show prints the counts of songs, artists, albums, genres, composers, playlists\n"
            "and directories in a device's database, and the status of each mount point.\n"
@@ -55,10 +68,15 @@ bool IndexerOptions::parse(int argc, char** argv, IndexerOptions& out, std::stri
     const QCommandLineOption log("log", QString(), "LEVEL");
     const QCommandLineOption noProgress("no-progress");
     const QCommandLineOption codepages("codepages", QString(), "LIST");
+    const QCommandLineOption mtpSim("mtp-sim", QString(), "DIR");
+    const QCommandLineOption handle("handle", QString(), "N");
+    const QCommandLineOption readyAfter("ready-after", QString(), "MS");
+    const QCommandLineOption simFaults("sim-faults", QString(), "SPEC");
     QCommandLineParser parser;
     parser.addOptions({help, dbDir, json});
     if (out.command == INDEX)
-        parser.addOptions({deviceId, log, noProgress, codepages});
+        parser.addOptions(
+            {deviceId, log, noProgress, codepages, mtpSim, handle, readyAfter, simFaults});
     if (!parser.parse(args)) {
         error = parser.errorText().toStdString();
         return false;
@@ -86,6 +104,38 @@ bool IndexerOptions::parse(int argc, char** argv, IndexerOptions& out, std::stri
     if (parser.isSet(log) && !levels.contains(parser.value(log))) {
         error = "unknown log level: " + out.logLevel;
         return false;
+    }
+    out.mtpSim = QFile::encodeName(parser.value(mtpSim)).toStdString();
+    out.simFaults = parser.value(simFaults).toStdString();
+    if (out.mtpSim.empty()) {
+        for (const QCommandLineOption* o : {&handle, &readyAfter, &simFaults}) {
+            if (parser.isSet(*o)) {
+                error = "--" + o->names()[0].toStdString() + " needs --mtp-sim";
+                return false;
+            }
+        }
+    } else {
+        bool ok = true;
+        if (parser.isSet(handle))
+            out.handle = parser.value(handle).toUInt(&ok);
+        if (!ok || out.handle == 0) {
+            error = "--handle takes a number above 0";
+            return false;
+        }
+        if (parser.isSet(readyAfter))
+            out.readyAfterMs = parser.value(readyAfter).toInt(&ok);
+        if (!ok || out.readyAfterMs < 0) {
+            error = "--ready-after takes milliseconds";
+            return false;
+        }
+        portolan::SimulatedDevice::Faults faults;
+        if (!MtpSimulation::parseFaults(out.simFaults, faults, error))
+            return false;
+        if (!positional.empty()) {
+            error = "--mtp-sim takes no mount point";
+            return false;
+        }
+        return true;
     }
     if (positional.empty()) {
         error = "no mount point given";

@@ -18,6 +18,12 @@ struct IndexerOptions {
     bool progress = true;
     std::string codepages;  // INDEX: the market's code pages, most likely first; empty: default
     std::vector<std::string> mountPoints;  // INDEX
+    // INDEX of a simulated phone instead of mount points: its storage
+    // folder, its device handle, when it is announced ready, its faults.
+    std::string mtpSim;
+    unsigned handle = 1;
+    int readyAfterMs = 0;
+    std::string simFaults;
 
     // Fills `out` from argv; on a usage error returns false with `error` set.
     // Arguments are read as UTF-8 (see isUtf8).

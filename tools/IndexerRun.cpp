@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "facade/KestrowQTProxy.h"
+#include "mtp/MtpDevice.h"
 #include "orchestration/Kestrow.h"
 #include "platform/common/DatabaseMgr.h"
 #include "tools/DatabaseSummary.h"
@@ -46,7 +47,11 @@ IndexerRun::IndexerRun(const IndexerOptions& options, const std::vector<std::str
     KestrowQTProxy& proxy = KestrowQTProxy::instance();
     connect(
         &proxy, &KestrowQTProxy::crawlingFinished, this,
-        [this](QString m) { print("crawlingFinished", {m}); }, Qt::QueuedConnection);
+        [this](QString m) {
+            print("crawlingFinished", {m});
+            readyTimer_.stop();
+        },
+        Qt::QueuedConnection);
     connect(
         &proxy, &KestrowQTProxy::contentModified, this,
         [this](QString m) { print("contentModified", {m}); }, Qt::QueuedConnection);
@@ -66,6 +71,8 @@ IndexerRun::IndexerRun(const IndexerOptions& options, const std::vector<std::str
         Qt::QueuedConnection);
     pollTimer_.setInterval(50);
     connect(&pollTimer_, &QTimer::timeout, this, [this] { poll(); });
+    readyTimer_.setSingleShot(true);
+    connect(&readyTimer_, &QTimer::timeout, this, [this] { announceReady(); });
 }
 
 IndexerRun::~IndexerRun() {
@@ -79,6 +86,18 @@ IndexerRun::~IndexerRun() {
 
 void IndexerRun::begin() {
     clock_.start();
+    if (!options_.mtpSim.empty()) {
+        portolan::SimulatedDevice::Faults faults;
+        std::string error;
+        MtpSimulation::parseFaults(options_.simFaults, faults, error);  // checked by the parser
+        phone_.reset(new MtpSimulation(options_.handle, deviceId_, options_.mtpSim, faults));
+        if (!phone_->attached()) {
+            std::fprintf(stderr, "olvane-indexer: %s: the simulated phone cannot be attached\n",
+                         options_.mtpSim.c_str());
+            QTimer::singleShot(0, this, [this] { finish(1); });  // once the event loop runs
+            return;
+        }
+    }
     scheduler_ = new kestrow::Kestrow();
     scheduler_->launch();
     scheduler_->start();
@@ -91,6 +110,12 @@ void IndexerRun::requestNext() {
     ++current_;
     currentFinished_ = false;
     failure_.clear();
+    if (phone_) {
+        KestrowQTProxy::instance().startMtpIndexing(QString::fromStdString(deviceId_),
+                                                    options_.handle, true);
+        readyTimer_.start(options_.readyAfterMs);
+        return;
+    }
     if (current_ == 0) {
         // A new attach of the device forgets, at the end of each indexing, the
         // partitions not seen in it. The mount points are asked for one at a
@@ -107,6 +132,13 @@ void IndexerRun::requestNext() {
     KestrowQTProxy::instance().startIndexing(QString::fromStdString(deviceId_),
                                              QFile::decodeName(mountPoints_[current_].c_str()),
                                              false);
+}
+
+// Announces again until the crawl has finished: an announcement made before
+// the crawler connects the phone is cleared by the connection.
+void IndexerRun::announceReady() {
+    KestrowQTProxy::instance().setDeviceReady(options_.handle);
+    readyTimer_.start(250);
 }
 
 void IndexerRun::print(const QString& signal, const QStringList& args) {
@@ -159,6 +191,13 @@ void IndexerRun::poll() {
 
 void IndexerRun::finish(int status) {
     pollTimer_.stop();
+    readyTimer_.stop();
+    if (phone_ && scheduler_) {
+        // Unplugged, every call about the phone fails at once, and a crawler
+        // waiting for the announcement is woken: the stop does not wait for them.
+        phone_->unplug();
+        kestrow::MtpDevice::instance().setDeviceReady(options_.handle);
+    }
     if (scheduler_) {
         scheduler_->stop();
         scheduler_->join();

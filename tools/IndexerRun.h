@@ -4,11 +4,13 @@
 #include <QObject>
 #include <QStringList>
 #include <QTimer>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "tools/FailureReason.h"
 #include "tools/IndexerOptions.h"
+#include "tools/MtpSimulation.h"
 
 namespace kestrow {
 class Kestrow;
@@ -22,7 +24,9 @@ namespace tool {
 // once the previous has finished), prints the facade's signals (which arrive
 // through queued connections) and quits the event loop when every mount point
 // has finished, when a request fails (after printing the reason the library
-// logged) or on Ctrl-C.
+// logged) or on Ctrl-C. With options.mtpSim, the one "mount point" is the
+// simulated phone's ("mtp-folder://" and the device id): the run plugs the
+// phone in, requests it as an MTP device and announces it ready.
 class IndexerRun : public QObject {
 public:
     // `mountPoints` are absolute and valid UTF-8.
@@ -41,6 +45,7 @@ public:
 private:
     void print(const QString& signal, const QStringList& args);
     void requestNext();
+    void announceReady();
     void poll();
     void finish(int status);
     void drawProgress();
@@ -57,6 +62,8 @@ private:
     int exitStatus_ = 1;
     QElapsedTimer clock_;
     QTimer pollTimer_;
+    std::unique_ptr<MtpSimulation> phone_;  // with options.mtpSim
+    QTimer readyTimer_;                     // announces the phone until its crawl has finished
     qint64 lastProgressMs_ = -1000;
 };
 

@@ -80,8 +80,11 @@ int main(int argc, char** argv) {
     if (options.command == IndexerOptions::SHOW)
         return show(options);
 
+    // A simulated phone is one folder, resolved as a mount point is.
     std::vector<std::string> mountPoints;
-    if (!resolveMountPoints(options.mountPoints, mountPoints))
+    if (!resolveMountPoints(
+            options.mtpSim.empty() ? options.mountPoints : std::vector<std::string>{options.mtpSim},
+            mountPoints))
         return 2;
     // Before the library logs anything: the level is read once.
     if (!options.logLevel.empty())
@@ -94,6 +97,10 @@ int main(int argc, char** argv) {
     const std::string deviceId = options.deviceId.empty()
                                      ? IndexerOptions::deriveDeviceId(mountPoints.front())
                                      : options.deviceId;
+    if (!options.mtpSim.empty()) {
+        options.mtpSim = mountPoints.front();
+        mountPoints = {"mtp-folder://" + deviceId};
+    }
 
     QCoreApplication app(argc, argv);
     IndexerRun::installInterruptHandler();

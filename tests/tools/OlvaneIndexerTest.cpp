@@ -12,6 +12,8 @@
 #include <QStringList>
 
 #include "platform/common/DatabaseMgr.h"
+#include "tests/support/SimulatedPhone.h"
+#include "tests/support/Sql.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Wait.h"
 
@@ -113,14 +115,43 @@ TEST_F(OlvaneIndexerTest, RefusesBadInputWithExitStatus) {
     EXPECT_TRUE(notDir.err.contains("is not a directory"));
     EXPECT_FALSE(QDir(dbDir()).exists());  // nothing was requested
 
+    const QString phone = QString::fromStdString(tree.mkdir("phone"));
     for (const QStringList& bad : {QStringList{"--bogus", mp()},
                                    {"--log", "loud", mp()},
                                    {"--codepages=WINDOWS-1252,KLINGON", mp()},
-                                   {}})
+                                   {},
+                                   {"--handle", "2", mp()},
+                                   {"--mtp-sim", phone, mp()},
+                                   {"--mtp-sim", phone, "--handle", "0"},
+                                   {"--mtp-sim", phone, "--sim-faults", "page=2,busy=nothing:1"}})
         EXPECT_EQ(run(withDb(bad)).exitCode, 2) << bad.join(' ').toStdString();
     Result missing = run(QStringList{"show"} + withDb({"nosuchdevice"}));
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_TRUE(missing.err.contains("no database for device nosuchdevice"));
+}
+
+// A simulated phone, listed two objects at a time with an empty answer in
+// the middle of a folder, announced ready late; then again, unchanged.
+TEST_F(OlvaneIndexerTest, IndexesASimulatedPhone) {
+    const QStringList args =
+        withDb({"--mtp-sim", QString::fromStdString(olvane::test::makePhoneTree(tree)),
+                "--device-id", "phone", "--handle", "3", "--ready-after", "300", "--sim-faults",
+                "page=2,empty=Phone/Music:1"});
+    Result first = run(args);
+    ASSERT_EQ(first.exitCode, 0) << first.err.toStdString();
+    EXPECT_EQ(first.lines.count("crawlingFinished mtp-folder://phone"), 1);
+    EXPECT_EQ(first.lines.last(), "indexingFinished mtp-folder://phone");
+
+    DatabaseMgr::instance().setDatabaseDirectory(dbDir().toStdString());
+    const std::string sql = "SELECT ID || ' ' || PATH FROM SONGS ORDER BY 1;";
+    const std::vector<std::string> songs = olvane::test::dbColumn("phone", sql);
+    EXPECT_EQ(
+        std::vector<std::string>({"1 Phone/Music/Gears/copper.mp3", "2 Phone/Music/Gears/iron.mp3",
+                                  "3 Phone/Music/Jazz/blue.m4a"}),
+        songs);
+    Result again = run(args);
+    EXPECT_EQ(again.lines.first(), "databaseExists phone mtp-folder://phone");
+    EXPECT_EQ(songs, olvane::test::dbColumn("phone", sql));
 }
 
 // Volume labels in any script; given in an order that is not the library's

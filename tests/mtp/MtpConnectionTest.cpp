@@ -1,0 +1,241 @@
+#include "mtp/MtpConnection.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "mtp/MtpConnectionImpl.h"
+#include "mtp/MtpDirectory.h"
+#include "platform/common/MetaDataInfo.h"
+#include "platform/log/LogCapture.h"
+#include "platform/mtputils/MtpUtils.h"
+#include "playlist/Playlist.h"
+#include "tests/support/SimulatedPhone.h"
+
+using kestrow::MtpConnection;
+using portolan::SimulatedDevice;
+using Impl = kestrow::MtpConnection::Impl;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+const t_handle kHandle = 61;
+
+std::vector<unsigned> gSleeps;  // every pause asked for, in microseconds
+long pauses(unsigned us) {
+    return std::count(gSleeps.begin(), gSleeps.end(), us);
+}
+
+void release(t_playlist_items_list& list) {
+    for (unsigned i = 0; i < list.count; ++i)
+        free(list.items[i].name);
+    free(list.items);
+}
+
+// Object numbers of the phone: Phone 1, DCIM 2, Music 5, Music/DCIM 8, Gears 10, Jazz 13.
+class MtpConnectionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        folder = olvane::test::makePhoneTree(dir);
+        dir.copySample("gears-old-times.mp3", "phone/Music/DCIM/deep.mp3");
+        dir.mkdir("phone/Empty");
+    }
+    void plugIn(const SimulatedDevice::Faults& faults = {}) {
+        phone.reset();
+        phone = std::make_unique<olvane::test::PluggedPhone>(kHandle, "phone", folder, faults);
+        kestrow::MtpDevice::instance().setDeviceConnected(kHandle);
+        MtpConnection::setSleepFunction([](unsigned us) { gSleeps.push_back(us); });
+        gSleeps.clear();
+        cap.clear();
+    }
+    t_track_id id(const std::string& rawPath) { return phone->device->objectId(rawPath); }
+    std::string songId(const std::string& rawPath) {
+        return MtpUtils::getObjectIdForMtpTrack(id(rawPath), "phone");
+    }
+    bool known(const std::string& rawPath) { return !phone->device->rawPath(id(rawPath)).empty(); }
+
+    olvane::test::TempDir dir;
+    std::string folder, deviceId = "phone";
+    std::unique_ptr<olvane::test::PluggedPhone> phone;
+    Impl impl{kHandle, deviceId};
+    olvane::LogCapture cap;
+};
+
+TEST_F(MtpConnectionTest, StatusTexts) {
+    const std::pair<t_status, const char*> table[] = {{-1, "STATUS NOT OK!"},
+                                                      {-2, "STATUS NOT SUPPORTED!"},
+                                                      {-3, "STATUS NOT OK BAD HANDLE!"},
+                                                      {-4, ": STATUS NOT OK GENERIC PLUGIN ERROR!"},
+                                                      {-5, "STATUS NOT OK PLUGIN NOT INITIALIZED!"},
+                                                      {-7, "UNKNOWN ERROR!"}};
+    for (const auto& [status, text] : table)
+        impl.checkStatus("Access_GetTrackGenre", status);
+    ASSERT_EQ(6u, cap.lines().size());
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(
+            std::string(" - Fail to invoke method: Access_GetTrackGenre . - ") + table[i].second,
+            cap.lines()[i].message);
+        EXPECT_EQ(DLT_LOG_INFO, cap.lines()[i].level);
+    }
+}
+
+TEST_F(MtpConnectionTest, BusyLibraryIsAskedAgainOnceASecondUpTo80Times) {
+    SimulatedDevice::Faults faults;
+    faults.busyFirst = {{SimulatedDevice::GET_NUM_ITEMS, 3},
+                        {SimulatedDevice::GET_ITEMS, 1000},
+                        {SimulatedDevice::GET_TRACK_TITLE, 81},
+                        {SimulatedDevice::GET_TRACK_FILE_NAME, 80}};
+    plugIn(faults);
+    unsigned n = 0;
+    EXPECT_EQ(STATUS_OK, impl.SafeGetNumItems(kHandle, {0, 0, 0}, 7, n));
+    EXPECT_EQ((std::vector<unsigned>{10000, 1000000, 10000, 1000000, 10000, 1000000, 10000}),
+              gSleeps);
+    EXPECT_EQ(1, cap.count(" Processing from portolan API. count = 3"));
+
+    gSleeps.clear();
+    t_mtp_item_list list;
+    EXPECT_EQ(STATUS_PROCESSING, impl.SafeGetItems(kHandle, {0, 0, 0}, 7, 0, n, list));
+    EXPECT_EQ(std::make_pair(81L, 80L), std::make_pair(pauses(10000), pauses(1000000)));
+
+    // No 10 ms pauses here; a title still busy after 81 answers falls back to
+    // the file name, found on its 81st try.
+    gSleeps.clear();
+    EXPECT_EQ("iron", impl.getTrackTitle(id("Phone/Music/Gears/iron.mp3")));
+    EXPECT_EQ(std::make_pair(0L, 160L), std::make_pair(pauses(10000), pauses(1000000)));
+}
+
+TEST_F(MtpConnectionTest, TreeWalkPagesRetriesEmptyBatchesAndSkipsTopLevelFolders) {
+    const std::string deep = "Phone/Music/DCIM/deep.mp3", blue = "Phone/Music/Jazz/blue.m4a",
+                      iron = "Phone/Music/Gears/iron.mp3", secret = "Phone/Music/.secret.mp3";
+    const std::string more =
+        "Could not fetch more items for container 5 of storage 1. Got 2 / 7. Checking if number "
+        "of elements changed";
+    const std::string recount = "New number of elements for container 5 of storage 1 is 7";
+    const std::string all = "Could not fetch all items for container 5 of storage 1. Got 2 / 7";
+    const std::string given = "Folder 4 of storage 1 answered no items 81 times: given up";
+    struct Case {
+        unsigned pageSize, emptyLater, firstCount, badHandleAfter;
+        bool result;
+        std::string known, unknown;
+        Strings warnings;
+    } cases[] = {
+        {2, 0, 0, 0, true, deep, "Phone/DCIM/motor.mp3", {}},
+        {2, 1, 0, 0, true, "Phone/Music/skip.ogg", "", {more, recount}},
+        {2, 2, 0, 0, true, secret, iron, {more, recount, all}},
+        {0, 0, 2, 0, true, blue, "", {given}},  // a folder said to hold 2, but empty
+        {0, 0, 0, 6, false, "", blue, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.known + c.unknown);
+        SimulatedDevice::Faults faults;
+        faults.pageSize = c.pageSize;
+        if (c.emptyLater)
+            faults.emptyLaterBatches["Phone/Music"] = c.emptyLater;
+        if (c.firstCount)
+            faults.firstCount["Phone/Empty"] = c.firstCount;
+        faults.badHandleAfter = c.badHandleAfter;
+        plugIn(faults);
+        EXPECT_EQ(c.result, impl.crawlMtpDevice());
+        EXPECT_TRUE(c.known.empty() || known(c.known));
+        EXPECT_TRUE(c.unknown.empty() || !known(c.unknown));
+        Strings warnings;
+        for (const olvane::LogLine& line : cap.lines())
+            if (line.level == DLT_LOG_WARN)
+                warnings.push_back(line.message);
+        EXPECT_EQ(c.warnings, warnings);
+        EXPECT_EQ(!c.result, cap.contains("MTPFileTree . - STATUS NOT OK BAD HANDLE!"));
+        EXPECT_EQ(1, cap.count("Ignoring folder:DCIM - id:2"));
+    }
+}
+
+// The folders of the tracks that can be indexed, each before its ancestors,
+// in order of first appearance; a track in an unwalked folder (the top-level
+// DCIM, listed first) is left out and the others still count.
+TEST_F(MtpConnectionTest, FolderCache) {
+    plugIn();
+    ASSERT_TRUE(impl.crawlMtpDevice());
+    t_playlist_items_list tracks, playlists;
+    ASSERT_TRUE(impl.loadDeviceData(tracks, playlists));
+    Strings dirs;
+    impl.MTPCreateDirCache(dirs, tracks);
+    EXPECT_EQ(Strings({"Phone/Music", "Phone", "Phone/Music/DCIM", "Phone/Music/Gears",
+                       "Phone/Music/Jazz"}),
+              dirs);
+    release(tracks);
+    release(playlists);
+
+    t_playlist_items_list many = {
+        16001, static_cast<t_playlist_item*>(calloc(16001, sizeof(t_playlist_item)))};
+    impl.MTPCreateDirCache(dirs, many);
+    EXPECT_TRUE(dirs.empty());
+    EXPECT_EQ(1, cap.count("Invalid playlist size: 16001"));
+    free(many.items);
+}
+
+TEST_F(MtpConnectionTest, Records) {
+    dir.copySample("blank-title.mp3", "phone/Music/blank.mp3");
+    dir.copySample("random-bytes.m4a", "phone/Music/untagged.mp3");
+    dir.write("phone/Music/None.m3u", "missing.mp3\n");
+    SimulatedDevice::Faults faults;
+    faults.noMetadata = {"Phone/Music/Jazz/blue.m4a"};
+    faults.emptyTitles = {"Phone/Music/Gears/copper.mp3"};
+    plugIn(faults);
+    ASSERT_TRUE(impl.crawlMtpDevice());
+
+    // Title, artist, album, genre, composer and track number, or nothing.
+    const std::pair<std::string, std::string> tracks[] = {
+        {"Phone/Music/Gears/iron.mp3", "Iron Road|The Rusty Gears|Steam and Steel|Rock|Tom Hale|1"},
+        {"Phone/Music/Gears/copper.mp3", "copper|The Rusty Gears|Steam and Steel|Rock|Tom Hale|2"},
+        {"Phone/Music/Jazz/blue.m4a",
+         "Blue Hour|Nina Ferro Quartet|Late Sessions|Jazz|Nina Ferro|0"},
+        {"Phone/Music/blank.mp3", "blank|Lia Moreno|Postcards|Pop|Various Composers|3"},
+        {"Phone/Music/untagged.mp3",
+         "untagged|Various Artists|Various Albums|Various Genre|Various Composers|0"},
+        {"Phone/Music/skip.ogg", ""},
+        {"Phone/Music/.secret.mp3", ""},
+        {"Phone/DCIM/motor.mp3", ""},
+    };
+    for (const auto& [path, want] : tracks) {
+        std::unique_ptr<MetaDataInfo> s(impl.generateTrack("", "mtp-folder://phone", id(path), 42));
+        EXPECT_EQ(want, !s ? ""
+                           : s->title + "|" + s->artist + "|" + s->album + "|" + s->genre + "|" +
+                                 s->composer + "|" + std::to_string(s->trackNumber));
+        if (s) {
+            EXPECT_EQ(path + songId(path) + "42",
+                      s->path + s->objectId + std::to_string(s->lastModified));
+        }
+    }
+
+    // A playlist's entries name their songs, also those never indexed; an
+    // empty playlist is none.
+    const t_track_id road = id("Phone/Music/Road.m3u");
+    std::unique_ptr<kestrow::Playlist> p(
+        impl.generatePlaylist("phone", "mtp-folder://phone", road));
+    ASSERT_TRUE(p);
+    Strings entries = {p->path};
+    for (const kestrow::PlaylistEntry* e : p->entries)
+        entries.push_back(e->path);
+    EXPECT_EQ(Strings({"mtp-playlist://" + std::to_string(road) + "/Road",
+                       songId("Phone/Music/Gears/iron.mp3"), songId("Phone/Music/Jazz/blue.m4a"),
+                       songId("Phone/Music/skip.ogg"), ""}),
+              entries);
+    EXPECT_EQ(nullptr, impl.generatePlaylist("phone", "", id("Phone/Music/None.m3u")));
+
+    // A storage's own folder and one right under the root hang off the root.
+    const std::pair<std::string, std::string> folders[] = {
+        {"Phone/Music/Jazz", "Jazz|Phone/Music|0"},
+        {"Phone", "Phone|phone|1"},
+        {"/Music", "Music|phone|1"}};
+    for (const auto& [path, want] : folders) {
+        std::unique_ptr<kestrow::MtpDirectory> d(
+            impl.generateDirectory(path, "mtp-folder://phone", "phone"));
+        EXPECT_EQ(want, d->name + "|" + d->parentPath + "|" + std::to_string(d->topLevel));
+        EXPECT_EQ(Md5(Md5::DIRECTORY, d->parentPath), d->parentId);
+    }
+}
+
+}  // namespace
