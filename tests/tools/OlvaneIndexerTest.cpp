@@ -1,5 +1,6 @@
 // Runs the olvane-indexer program as a person would and reads what it prints.
 #include <gtest/gtest.h>
+#include <iconv.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QStringList>
+#include <QUrl>
 
 #include "platform/common/DatabaseMgr.h"
 #include "tests/support/SimulatedPhone.h"
@@ -20,6 +22,18 @@
 using olvane::test::TempDir;
 
 namespace {
+
+std::string toCp1251(const std::string& utf8) {
+    iconv_t cd = iconv_open("WINDOWS-1251", "UTF-8");
+    std::string out(utf8.size(), '\0');
+    char* in = const_cast<char*>(utf8.data());
+    char* to = &out[0];
+    size_t inLeft = utf8.size(), outLeft = out.size();
+    iconv(cd, &in, &inLeft, &to, &outLeft);
+    iconv_close(cd);
+    out.resize(out.size() - outLeft);
+    return out;
+}
 
 struct Result {
     int exitCode = -1;
@@ -176,6 +190,48 @@ TEST_F(OlvaneIndexerTest, IndexesNamesInAnyScriptOneAfterTheOtherInTheOrderGiven
     // all its signals come before the next one's.
     Result again = run(withDb({"--device-id", "stick"}) + mps);
     EXPECT_EQ(again.lines.join('\n').toStdString(), unchanged.join('\n').toStdString());
+}
+
+// A stick as the world fills one: a Cyrillic volume label, tags in a legacy
+// code page, playlists written by Windows players and by phones. Every song
+// reads right and every playlist entry names its song (the entries that name
+// none are dropped at the end of the indexing), with nothing on stderr.
+TEST_F(OlvaneIndexerTest, ReadsAStickFromAnyMarket) {
+    const std::string label = "Музыка";
+    tree.copySample("cp1251-id3v1.mp3", label + "/Кино/Группа крови.mp3");
+    tree.copySample("cp1251-id3v23.mp3", label + "/Кино/Звезда.mp3");
+    tree.copySample("motorhead-style.mp3", label + "/Motörhead/Ace.mp3");
+    const std::string stick = tree.file(label);
+    const std::string uri = QUrl::fromLocalFile(QString::fromStdString(stick + "/Кино/Звезда.mp3"))
+                                .toEncoded()
+                                .toStdString();
+    // A Windows player's m3u in its own code page, with every kind of path it writes.
+    tree.write(label + "/lists/win.m3u",
+               toCp1251("..\\Кино\\Группа крови.mp3\r\n\\Кино\\Звезда.mp3\r\n"
+                        "E:\\Кино\\Группа крови.mp3\r\nE:/Кино/Звезда.mp3\r\n"));
+    tree.write(label + "/lists/mix.m3u8",
+               "\xEF\xBB\xBF#EXTM3U\r\n#EXTINF:-1,Ace\r\n"
+               "../Motörhead/Ace.mp3\r\n" +
+                   uri + "\r\n");
+    tree.write(label + "/lists/old.pls",
+               "[playlist]\nFile1=..\\Motörhead\\Ace.mp3\nNumberOfEntries=1\n");
+
+    Result r = run(withDb({"--device-id", "world", QString::fromStdString(stick)}));
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_TRUE(r.err.isEmpty()) << r.err.toStdString();
+    DatabaseMgr::instance().setDatabaseDirectory(dbDir().toStdString());
+    EXPECT_EQ(
+        olvane::test::dbColumn("world", "SELECT TITLE FROM SONGS ORDER BY TITLE;"),
+        std::vector<std::string>({"Ace of Spadës", "Группа крови", "Звезда по имени Солнце"}));
+    EXPECT_EQ(
+        olvane::test::dbColumn("world",
+                               "SELECT PLAYNAME || ' ' || COUNT(DISTINCT TRACKID) FROM PLAYLISTS"
+                               " GROUP BY PLAYNAME ORDER BY PLAYNAME;"),
+        std::vector<std::string>({"mix.m3u8 2", "old.pls 1", "win.m3u 2"}));
+    EXPECT_EQ(olvane::test::dbColumn("world",
+                                     "SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKPATH "
+                                     "NOT IN (SELECT PATH FROM SONGS);"),
+              std::vector<std::string>({"0"}));
 }
 
 // A mount point that is not UTF-8 cannot reach the library unchanged; a
