@@ -9,6 +9,12 @@ function(olvane_add_test file)
     set_tests_properties(${name} PROPERTIES
         ENVIRONMENT "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/scripts/lsan.supp:print_suppressions=0"
         TIMEOUT 300)
+    if(name IN_LIST OLVANE_CONCURRENCY_TESTS)
+        add_dependencies(concurrency-tests ${name})
+        set_property(TEST ${name} APPEND PROPERTY LABELS concurrency)
+        set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT
+            "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/scripts/tsan.supp:halt_on_error=1:second_deadlock_stack=1")
+    endif()
 endfunction()
 
 # Every *Test.cpp of the calling folder.

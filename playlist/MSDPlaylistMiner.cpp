@@ -1,6 +1,7 @@
 #include "playlist/MSDPlaylistMiner.h"
 
 #include <glib.h>
+#include <sys/stat.h>
 #include <totem-pl-parser.h>
 
 #include <exception>
@@ -129,9 +130,15 @@ ParsedEntries parse(const std::string& uri, const std::string& path) {
     return parsed;
 }
 
-template <class Resolve>
-void addEntries(Playlist* playlist, const std::vector<std::string>& texts, Resolve resolve) {
-    for (const std::string& text : texts) {
+// Whether the device has an entry of that name; nothing is opened.
+bool exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+template <class Text, class Resolve>
+void addEntries(Playlist* playlist, const std::vector<Text>& texts, Resolve resolve) {
+    for (const Text& text : texts) {
         std::optional<std::string> path = resolve(text);
         if (!path)
             continue;
@@ -147,7 +154,15 @@ void extractPlaylist(PlaylistWrapper* wrapper, const std::string& mountPoint) {
     Playlist* playlist = wrapper->playlist;
     const TrackPathResolver resolver(mountPoint, playlist->path);
     const PlaylistText text(playlist->path);
-    auto fromText = [&resolver](const std::string& t) { return resolver.fromText(t); };
+    auto fromText = [&resolver](const PlaylistText::Entry& entry) {
+        std::optional<std::string> path = resolver.fromText(entry.text);
+        if (entry.asWritten == entry.text || (path && exists(*path)))
+            return path;
+        // A name that is not UTF-8 on the device is written with its own
+        // bytes in a playlist made beside it: the bytes name the file.
+        std::optional<std::string> written = resolver.fromText(entry.asWritten);
+        return written && exists(*written) ? written : path;
+    };
     if (text.isPls()) {
         // A pls file is read by its lines alone: the parser spins forever on a
         // "File" key it cannot number ("File1 =", "File01", one key twice).

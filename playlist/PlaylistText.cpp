@@ -62,7 +62,7 @@ bool PlaylistText::isPls() const {
            g_ascii_strncasecmp(bytes_.c_str() + begin, "[playlist]", 10) == 0;
 }
 
-std::vector<std::string> PlaylistText::lines() const {
+std::vector<PlaylistText::Entry> PlaylistText::lines() const {
     std::string text;
     text.reserve(bytes_.size());
     for (size_t i = 0; i < bytes_.size(); ++i) {
@@ -71,41 +71,50 @@ std::vector<std::string> PlaylistText::lines() const {
         else if (i + 1 == bytes_.size() || bytes_[i + 1] != '\n')
             text += '\n';
     }
-    // Converted before the lines are split or "\" is read as a separator:
-    // 0x5C is a second byte of many Shift_JIS characters.
-    if (!g_utf8_validate(text.data(), gssize(text.size()), nullptr))
-        text = fromLegacyCodePage(text);
-    std::vector<std::string> lines;
+    std::vector<Entry> lines;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);)
-        lines.push_back(trimmed(line));
+        lines.push_back(Entry{trimmed(line), trimmed(line)});
+    // Converted before the lines are split or "\" is read as a separator:
+    // 0x5C is a second byte of many Shift_JIS characters.
+    if (!g_utf8_validate(text.data(), gssize(text.size()), nullptr)) {
+        std::istringstream converted(fromLegacyCodePage(text));
+        std::vector<std::string> texts;
+        for (std::string line; std::getline(converted, line);)
+            texts.push_back(trimmed(line));
+        // No code page makes or eats a line break: the lines pair up.
+        for (size_t i = 0; i < lines.size(); ++i)
+            lines[i].text = texts.size() == lines.size() ? texts[i] : std::string();
+    }
     return lines;
 }
 
-std::vector<std::string> PlaylistText::m3uEntries() const {
-    std::vector<std::string> entries;
-    for (const std::string& line : lines())
-        if (!line.empty() && line[0] != '#')
-            entries.push_back(line);
+std::vector<PlaylistText::Entry> PlaylistText::m3uEntries() const {
+    std::vector<Entry> entries;
+    for (Entry& line : lines())
+        if (!line.asWritten.empty() && line.asWritten[0] != '#')
+            entries.push_back(std::move(line));
     return entries;
 }
 
-std::vector<std::string> PlaylistText::plsEntries() const {
-    std::vector<std::pair<unsigned long long, std::string>> numbered;
-    for (const std::string& line : lines()) {
-        const size_t equals = line.find('=');
-        if (equals == std::string::npos)
+std::vector<PlaylistText::Entry> PlaylistText::plsEntries() const {
+    std::vector<std::pair<unsigned long long, Entry>> numbered;
+    for (const Entry& line : lines()) {
+        const size_t equals = line.asWritten.find('=');
+        const size_t textEquals = line.text.find('=');
+        if (equals == std::string::npos || textEquals == std::string::npos)
             continue;
-        const std::string key = trimmed(line.substr(0, equals));
+        const std::string key = trimmed(line.asWritten.substr(0, equals));
         if (key.size() < 5 || g_ascii_strncasecmp(key.c_str(), "file", 4) != 0 ||
             !std::all_of(key.begin() + 4, key.end(), [](char c) { return g_ascii_isdigit(c); }))
             continue;
         numbered.emplace_back(std::strtoull(key.c_str() + 4, nullptr, 10),
-                              trimmed(line.substr(equals + 1)));
+                              Entry{trimmed(line.text.substr(textEquals + 1)),
+                                    trimmed(line.asWritten.substr(equals + 1))});
     }
     std::stable_sort(numbered.begin(), numbered.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
-    std::vector<std::string> entries;
+    std::vector<Entry> entries;
     for (auto& n : numbered)
         entries.push_back(std::move(n.second));
     return entries;

@@ -14,18 +14,25 @@ namespace kestrow {
 // Not thread-safe; a value type.
 class PlaylistText {
 public:
+    // One entry: `text` in UTF-8, `asWritten` with the file's own bytes (the
+    // same text, unless the file is not UTF-8).
+    struct Entry {
+        std::string text;
+        std::string asWritten;
+    };
+
     // Reads the whole file; a file that cannot be read is logged and empty.
     explicit PlaylistText(const std::string& path);
 
     // Whether the text starts with the "[playlist]" heading of a pls file.
     bool isPls() const;
     // The lines that are neither empty nor comments ("#EXTM3U", "#EXTINF...").
-    std::vector<std::string> m3uEntries() const;
+    std::vector<Entry> m3uEntries() const;
     // The values of the "File<n>" keys, ordered by n.
-    std::vector<std::string> plsEntries() const;
+    std::vector<Entry> plsEntries() const;
 
 private:
-    std::vector<std::string> lines() const;
+    std::vector<Entry> lines() const;
 
     std::string bytes_;  // as read, without the byte order mark
 };

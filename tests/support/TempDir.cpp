@@ -13,9 +13,10 @@ namespace fs = std::filesystem;
 namespace olvane {
 namespace test {
 
-TempDir::TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/olvane-test-XXXXXX";
+TempDir::TempDir() : TempDir(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "") {}
+
+TempDir::TempDir(const std::string& base) {
+    std::string tmpl = (base.empty() ? std::string("/tmp") : base) + "/olvane-test-XXXXXX";
     if (!mkdtemp(&tmpl[0]))
         throw std::runtime_error("mkdtemp failed");
     path_ = tmpl;

@@ -9,6 +9,8 @@ namespace test {
 class TempDir {
 public:
     TempDir();
+    // Under `base` instead, such as a tmpfs where many files come and go fast.
+    explicit TempDir(const std::string& base);
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;

@@ -46,12 +46,16 @@ struct Gate {
 
 class GatedCrawler : public kestrow::Server<Block<kestrow::Directory*>, Block<void>> {
 public:
-    GatedCrawler(kestrow::BaseServer<Block<void>>* pipeline, Gate* gate)
-        : Server("GatedCrawler"), pipeline_(pipeline), gate_(gate) {}
+    // `arrived`, when given, outlives the stage and is set with `started`.
+    GatedCrawler(kestrow::BaseServer<Block<void>>* pipeline, Gate* gate,
+                 std::atomic<bool>* arrived = nullptr)
+        : Server("GatedCrawler"), pipeline_(pipeline), gate_(gate), arrived_(arrived) {}
 
     boost::shared_ptr<Block<void>> doOperation(
         boost::shared_ptr<Block<kestrow::Directory*>> in) override {
         started = true;
+        if (arrived_)
+            *arrived_ = true;
         std::unique_lock<std::mutex> lock(gate_->mutex);
         gate_->cond.wait(lock,
                          [&] { return gate_->opened.count(in->operation.deviceId) || state == 1; });
@@ -73,14 +77,17 @@ public:
 private:
     kestrow::BaseServer<Block<void>>* pipeline_;
     Gate* gate_;
+    std::atomic<bool>* arrived_;
 };
 
 class TestPipeline : public kestrow::SongDirectoryPipeline {
 public:
+    // `destroyed` and `started`, when given, outlive the pipeline: the
+    // scheduler's thread deletes it while the test looks at them.
     TestPipeline(kestrow::Kestrow* owner, kestrow::OperationType type, Gate* gate,
-                 int* destroyed = nullptr)
+                 std::atomic<int>* destroyed = nullptr, std::atomic<bool>* started = nullptr)
         : SongDirectoryPipeline("TestPipeline", owner, type),
-          crawler_(new GatedCrawler(this, gate)),
+          crawler_(new GatedCrawler(this, gate, started)),
           destroyed_(destroyed) {
         children.push_back(crawler_);
     }
@@ -102,7 +109,7 @@ public:
 
 private:
     GatedCrawler* crawler_;
-    int* destroyed_;
+    std::atomic<int>* destroyed_;
 };
 
 // A launched and started scheduler, handed to the facade, that builds
@@ -111,9 +118,9 @@ class SchedulerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         DatabaseMgr::instance().setDatabaseDirectory(tmp.path());
-        destroyed.fill(0);
         k->setPipelineFactory([this](kestrow::OperationType type, kestrow::Kestrow* owner) {
-            TestPipeline* p = new TestPipeline(owner, type, &gate, &destroyed[created.size()]);
+            TestPipeline* p = new TestPipeline(owner, type, &gate, &destroyed[created.size()],
+                                               &started[created.size()]);
             p->throwOnEnqueue = throwNext;
             throwNext = false;
             created.push_back(p);
@@ -131,14 +138,15 @@ protected:
         KestrowQTProxy::instance().setScheduler(nullptr);
         delete k;
     }
-    bool running(size_t i) { return !destroyed[i] && created[i]->gated()->started; }
+    bool running(size_t i) { return !destroyed[i] && started[i]; }
 
     TempDir tmp;
     Gate gate;
     kestrow::Kestrow* k = new kestrow::Kestrow();
     std::vector<TestPipeline*> created;
     std::vector<kestrow::OperationType> types;
-    std::array<int, 16> destroyed;
+    std::array<std::atomic<int>, 16> destroyed{};
+    std::array<std::atomic<bool>, 16> started{};
     bool throwNext = false;
     bool stopped = false;
 };

@@ -1,0 +1,210 @@
+// Indexes a device made to hurt: odd names, deep and wide trees, special
+// files, broken songs, link loops, huge and hostile playlists, entries and
+// links that lead outside the mount point. The host program runs as an
+// unprivileged user, so that unreadable files are unreadable.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QProcess>
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "tests/support/Sql.h"
+#include "tests/support/TempDir.h"
+
+using olvane::test::dbColumn;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+const char kSong[] = "gears-iron-road.mp3";
+
+class HostileTreeTest : public ::testing::Test {
+protected:
+    // A tagged song at `relative` below the mount point, expected in SONGS.
+    void song(const std::string& relative, const char* sample = kSong) {
+        expected.insert(tmp.copySample(sample, "a/b/usb/" + relative));
+    }
+    // A file at `relative` below the mount point holding `bytes`; expected in
+    // SONGS when its name is a song's.
+    void file(const std::string& relative, const std::string& bytes, bool isSong = true) {
+        const std::string path = tmp.write("a/b/usb/" + relative, bytes);
+        if (isSong)
+            expected.insert(path);
+    }
+    std::string usb(const std::string& relative = "") const {
+        return tmp.file("a/b/usb") + (relative.empty() ? "" : "/" + relative);
+    }
+    std::string sample(const char* name) const {
+        std::ifstream in(tmp.copySample(name, std::string("samples/") + name), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+
+    // 50000 folders go in and out of a tmpfs in a second, not of a disk.
+    olvane::test::TempDir tmp{::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ""};
+    std::set<std::string> expected;
+};
+
+}  // namespace
+
+TEST_F(HostileTreeTest, IndexingEndsWithEverySongAndReadsNothingOutside) {
+    const QStringList asUser = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    const bool root = ::geteuid() == 0;
+    ASSERT_EQ(0, ::chmod(tmp.path().c_str(), 0755));
+    tmp.mkdir("a/b/usb");
+    ::chmod(tmp.mkdir("db").c_str(), 0777);
+    if (root && QProcess::execute(
+                    "setpriv", asUser.mid(1) + QStringList{"test", "-w", tmp.file("db").c_str()}))
+        GTEST_SKIP() << "cannot drop to uid 65534 with setpriv, and root reads any file";
+
+    // Names.
+    song("bad\xff\xfe.mp3");
+    song("dir\xc3(/s.mp3");
+    for (const char* name :
+         {"new\nline", "quote\"", "quote'", "back\\slash", "100%", "under_score", "star*", "[x]?"})
+        song(std::string(name) + ".mp3");
+    song(std::string(251, 'n') + ".mp3");
+    std::string longPath;
+    while (4095 - usb(longPath).size() > 255)
+        longPath += std::string(200, 'p') + "/";
+    song(longPath + std::string(4095 - usb(longPath).size() - 4, 'q') + ".mp3");
+    ASSERT_EQ(4095u, std::max_element(expected.begin(), expected.end(), [](auto& x, auto& y) {
+                         return x.size() < y.size();
+                     })->size());
+
+    // Shapes.
+    std::string deep = "deep";
+    for (int i = 0; i < 200; ++i)
+        deep += "/d";
+    song(deep + "/s.mp3");
+    tmp.mkdir("a/b/usb/wide");
+    for (int i = 0; i < 50000; ++i)
+        ASSERT_EQ(0, ::mkdir(usb("wide/" + std::to_string(i)).c_str(), 0755));
+    tmp.mkdir("a/b/usb/fifo");
+    ASSERT_EQ(0, ::mkfifo(usb("fifo/x.mp3").c_str(), 0666));
+    song("x.mp3/s.mp3");  // a folder named like a song
+    song("locked/x.mp3");
+    ASSERT_EQ(0, ::chmod(usb("locked/x.mp3").c_str(), 0));
+    tmp.copySample(kSong, "a/b/usb/closed/hidden.mp3");
+    ASSERT_EQ(0, ::chmod(usb("closed").c_str(), 0));
+
+    // Broken songs: empty, cut short and random, under every song extension.
+    const std::map<std::string, const char*> samples = {
+        {"mp3", "gears-copper-sky.mp3"},  {"m4b", "ferro-blue-hour.m4a"},
+        {"m4a", "ferro-blue-hour.m4a"},   {"wma", "moreno-rain-check.wma"},
+        {"aac", "gears-iron-road.mp3"},   {"wav", "moreno-summer-tape.wav"},
+        {"mpg", "gears-iron-road.mp3"},   {"mpeg", "gears-iron-road.mp3"},
+        {"asf", "moreno-rain-check.wma"}, {"m4p", "ferro-blue-hour.m4a"},
+        {"flac", "ferro-cafe-noir.flac"}, {"m4r", "ferro-blue-hour.m4a"},
+        {"mp4", "ferro-blue-hour.m4a"}};
+    std::mt19937 random(15);
+    for (const auto& [ext, name] : samples) {
+        const std::string bytes = sample(name);
+        file("broken/empty." + ext, "");
+        for (size_t cut : {size_t(8), size_t(100), bytes.size() / 3, bytes.size() - 1})
+            file("broken/cut" + std::to_string(cut) + "." + ext, bytes.substr(0, cut));
+        std::string noise(4096, '\0');
+        for (char& c : noise)
+            c = char(random());
+        file("broken/random." + ext, noise);
+    }
+
+    // Links: loops, the root of the system, a file and a folder outside.
+    const std::string outside = tmp.mkdir("a/b/etc");
+    tmp.write("a/b/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n");
+    tmp.mkdir("a/b/usb/links");
+    for (const auto& [link, target] :
+         std::vector<std::pair<std::string, std::string>>{{"self", "self"},
+                                                          {"l1", "l2"},
+                                                          {"l2", "l1"},
+                                                          {"up", ".."},
+                                                          {"here", "."},
+                                                          {"root", "/"},
+                                                          {"out.mp3", "../../etc/passwd"},
+                                                          {"out", "../../etc"},
+                                                          {"abs.mp3", outside + "/passwd"}})
+        ASSERT_EQ(0, ::symlink(target.c_str(), usb("links/" + link).c_str()));
+
+    // Playlists: huge, hostile, and naming what lies outside.
+    std::string lines;
+    for (int i = 0; i < 100000; ++i)
+        lines += i % 2 ? "../100%.mp3\n" : "../under_score.mp3\n";
+    file("lists/long.m3u", lines, false);
+    file("lists/wide.m3u", std::string(1 << 20, 'w') + "\n../100%.mp3\n", false);
+    file("lists/bad\xff.m3u", "../bad\xff\xfe.mp3\n../dir\xc3(/s.mp3\n", false);
+    const std::string escape =
+        "../../etc/passwd\n../../../etc/passwd\n../links/out.mp3\nfile://" + outside + "/passwd\n";
+    file("lists/escape.m3u", escape, false);
+    file("lists/escape.pls",
+         "[playlist]\nFile1=../../etc/passwd\nFile2=file://" + outside +
+             "/passwd\nNumberOfEntries=2\n",
+         false);
+    const std::string laughs =
+        "<!DOCTYPE x [<!ENTITY a \"lollollollollol\">"
+        "<!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\"><!ENTITY c "
+        "\"&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;\">"
+        "<!ENTITY d \"&c;&c;&c;&c;&c;&c;&c;&c;&c;&c;\"><!ENTITY e "
+        "\"&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;\">"
+        "<!ENTITY f \"&e;&e;&e;&e;&e;&e;&e;&e;&e;&e;\"><!ENTITY g "
+        "\"&f;&f;&f;&f;&f;&f;&f;&f;&f;&f;\">"
+        "<!ENTITY h \"&g;&g;&g;&g;&g;&g;&g;&g;&g;&g;\"><!ENTITY i "
+        "\"&h;&h;&h;&h;&h;&h;&h;&h;&h;&h;\">]>";
+    file("lists/laughs.asx",
+         laughs +
+             "<asx version=\"3.0\"><title>&i;</title><entry><ref href=\"&i;\"/></entry>"
+             "<entry><ref href=\"../../etc/passwd\"/></entry></asx>",
+         false);
+    file("lists/laughs.wpl",
+         "<?wpl version=\"1.0\"?>" + laughs +
+             "<smil><head><title>&i;</title></head><body><seq><media src=\"&i;\"/>"
+             "<media src=\"..\\..\\etc\\passwd\"/></seq></body></smil>",
+         false);
+
+    // Anything that opens what lies outside shows here.
+    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_LE(0, watch);
+    ASSERT_LE(0, ::inotify_add_watch(watch, outside.c_str(), IN_OPEN | IN_ACCESS));
+    ASSERT_LE(0, ::inotify_add_watch(watch, (outside + "/passwd").c_str(), IN_OPEN | IN_ACCESS));
+    char events[4096];
+    ::close(::open((outside + "/passwd").c_str(), O_RDONLY));  // the watch sees an open
+    ASSERT_LT(0, ::read(watch, events, sizeof events));
+
+    QStringList args = (root ? asUser : QStringList()) +
+                       QStringList{OLVANE_INDEXER, "--db-dir", tmp.file("db").c_str(),
+                                   "--device-id",  "dev",      "--no-progress",
+                                   "--log",        "warning",  usb().c_str()};
+    QProcess indexer;
+    indexer.start(args.takeFirst(), args);
+    ASSERT_TRUE(indexer.waitForFinished(120000));
+    const std::string log = indexer.readAllStandardError().toStdString();
+    EXPECT_EQ(QProcess::NormalExit, indexer.exitStatus()) << log;
+    EXPECT_EQ(0, indexer.exitCode()) << log;
+    EXPECT_TRUE(indexer.readAllStandardOutput().contains("indexingFinished")) << log;
+
+    EXPECT_EQ(-1, ::read(watch, events, sizeof events))
+        << "a file outside the mount point was opened";
+    ::close(watch);
+    ::chmod(usb("closed").c_str(), 0755);
+
+    DatabaseMgr::instance().setDatabaseDirectory(tmp.file("db"));
+    const Strings songs = dbColumn("dev", "SELECT PATH FROM SONGS");
+    EXPECT_EQ(expected, std::set<std::string>(songs.begin(), songs.end()));
+    EXPECT_EQ(expected.size(), songs.size());
+    EXPECT_EQ("PROGRESS", DatabaseMgr::instance().getStatus("dev", usb()));  // the closed folder
+    // Playlist entries name songs of the device, the long playlist all of its
+    // lines; the saver stores each playlist's last entry twice.
+    EXPECT_EQ(Strings({"bad\xff.m3u|3", "long.m3u|100001", "wide.m3u|2"}),
+              dbColumn("dev",
+                       "SELECT PLAYNAME || '|' || COUNT(*) FROM PLAYLISTS "
+                       "WHERE TRACKPATH IS NOT NULL GROUP BY PLAYNAME ORDER BY 1"));
+    EXPECT_EQ(Strings{},
+              dbColumn("dev", "SELECT TRACKPATH FROM PLAYLISTS WHERE substr(TRACKPATH, 1, " +
+                                  std::to_string(usb().size() + 1) + ") <> '" + usb() + "/'"));
+}
