@@ -2,7 +2,8 @@
 
 namespace kestrow {
 
-Operation::Operation() : id(0), handle(0), lastBlock(false), deviceGone(false) {}
+Operation::Operation()
+    : id(0), handle(0), lastBlock(false), deviceGone(false), rootDevice(0), rootInode(0) {}
 
 Operation::Operation(int id_, unsigned handle_, const std::string& deviceId_,
                      const std::string& mountPoint_, bool lastBlock_)
@@ -11,7 +12,9 @@ Operation::Operation(int id_, unsigned handle_, const std::string& deviceId_,
       deviceId(deviceId_),
       mountPoint(mountPoint_),
       lastBlock(lastBlock_),
-      deviceGone(false) {}
+      deviceGone(false),
+      rootDevice(0),
+      rootInode(0) {}
 
 Operation::Operation(const Operation& other)
     : id(other.id),
@@ -20,6 +23,8 @@ Operation::Operation(const Operation& other)
       mountPoint(other.mountPoint),
       lastBlock(other.lastBlock),
       deviceGone(other.deviceGone),
+      rootDevice(other.rootDevice),
+      rootInode(other.rootInode),
       unreadable(other.unreadable) {}
 
 Operation::~Operation() = default;

@@ -1,18 +1,18 @@
 #include "msd/MSDMiner.h"
 
-#include <sys/stat.h>
 #include <taglib/audioproperties.h>
 #include <taglib/fileref.h>
 #include <taglib/tdebuglistener.h>
 #include <taglib/tfile.h>
 
-#include <cerrno>
 #include <exception>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "db/Timer.h"
 #include "msd/Encoder.h"
+#include "msd/MountPointCheck.h"
 #include "platform/common/DatabaseMgr.h"
 
 namespace kestrow {
@@ -47,7 +47,17 @@ void silenceTagLib() {
 
 }  // namespace
 
-MSDMiner::MSDMiner(const char* name_) : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_) {}
+MSDMiner::MSDMiner(const char* name_)
+    : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_), goneOperation(-1) {}
+
+void MSDMiner::markGone(Operation& op) {
+    op.deviceGone = true;
+    goneOperation = op.id;
+}
+
+void MSDMiner::setFileHook(std::function<void(const std::string&)> hook) {
+    fileHook = std::move(hook);
+}
 
 boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
     boost::shared_ptr<Block<FileInfo*>> in) {
@@ -69,15 +79,20 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
         if (!file || !file->path)
             continue;
         const std::string& path = *file->path;
+        if (fileHook)
+            fileHook(path);
+        // Checked before each file: a stick unmounted with its folder kept
+        // makes every later file fail to open, not the mount point.
+        if (goneOperation == in->operation.id || MountPointCheck::lost(in->operation)) {
+            markGone(out->operation);
+            break;
+        }
         try {
             TagLib::FileRef ref(path.c_str(), true, TagLib::AudioProperties::Average);
             if (ref.isNull()) {
                 ZQLOG_INFO("NULL file for track: %s", path.c_str());
-                struct stat st;
-                if (stat(mountPoint.c_str(), &st) != 0) {
-                    ZQLOG_ERROR("MOUNT POINT IS NOT PRESENT ANYMORE %s: %d", mountPoint.c_str(),
-                                errno);
-                    out->operation.deviceGone = true;
+                if (MountPointCheck::lost(in->operation)) {
+                    markGone(out->operation);
                     break;
                 }
                 ZQLOG_INFO("insert empty: %s", path.c_str());

@@ -7,6 +7,7 @@
 #include "db/DatabaseOpen.h"
 #include "facade/KestrowQTProxy.h"
 #include "msd/Directory.h"
+#include "msd/MountPointCheck.h"
 #include "orchestration/Kestrow.h"
 #include "platform/common/DatabaseMgr.h"
 #include "sql/SqlStream.h"
@@ -38,8 +39,32 @@ void SongDirectoryPipeline::enqueueOperation(KestrowOperation& operation) {
     boost::shared_ptr<Block<Directory*>> root(new Block<Directory*>());
     root->operation =
         Operation(operation.id, operation.handle, operation.deviceId, operation.mountPoint, true);
+    // The device is the file system at the mount point now: one that is gone
+    // by the time the request runs is not read as an empty device.
+    MountPointCheck::record(root->operation);
     root->items.push_back(new Directory(operation.mountPoint, operation.mountPoint, -1));
     crawler()->enqueue(root);
+}
+
+void SongDirectoryPipeline::clearPlaylists() {
+    ZQLOG_INFO("Clear Playlists");
+    try {
+        sqlstl::basic_sqlostream<char> stream;
+        DatabaseMgr::instance().open(currentOperation.deviceId, stream, 3600000);
+        char* error = nullptr;
+        int rc = sqlite3_exec(stream.db,
+                              "BEGIN TRANSACTION; DELETE FROM PLAYLISTS WHERE TRACKID NOT IN "
+                              "(SELECT OBJECTID from SONGS);COMMIT;",
+                              nullptr, nullptr, &error);
+        if (rc != SQLITE_OK) {
+            ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(stream.db));
+            sqlite3_exec(stream.db, "ROLLBACK;", nullptr, nullptr, nullptr);
+        }
+        sqlite3_free(error);
+        stream.close();
+    } catch (const std::exception& e) {
+        ZQLOG_ERROR("exec failed: %d %s", SQLITE_CANTOPEN, e.what());
+    }
 }
 
 boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
@@ -61,24 +86,13 @@ boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
     if (currentOperation.resultCount != kTerminalStages)
         return boost::shared_ptr<Block<void>>();
 
-    ZQLOG_INFO("Clear Playlists");
-    try {
-        sqlstl::basic_sqlostream<char> stream;
-        DatabaseMgr::instance().open(currentOperation.deviceId, stream, 3600000);
-        char* error = nullptr;
-        int rc = sqlite3_exec(stream.db,
-                              "BEGIN TRANSACTION; DELETE FROM PLAYLISTS WHERE TRACKID NOT IN "
-                              "(SELECT OBJECTID from SONGS);COMMIT;",
-                              nullptr, nullptr, &error);
-        if (rc != SQLITE_OK) {
-            ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(stream.db));
-            sqlite3_exec(stream.db, "ROLLBACK;", nullptr, nullptr, nullptr);
-        }
-        sqlite3_free(error);
-        stream.close();
-    } catch (const std::exception& e) {
-        ZQLOG_ERROR("exec failed: %d %s", SQLITE_CANTOPEN, e.what());
-    }
+    // Entries whose song is not in the database yet are kept while the
+    // operation is incomplete: the playlist looks unchanged next time, and
+    // only the songs are read again.
+    if (currentOperation.incomplete)
+        ZQLOG_INFO("Playlists kept: the operation is incomplete (op: %d)", op.id);
+    else
+        clearPlaylists();
 
     long elapsed = currentOperation.timer.stop();
     ZQLOG_INFO("End operation for id %d that took %ld", op.id, elapsed);

@@ -32,6 +32,9 @@ public:
     const KestrowOperation& getCurrentOperation() const { return currentOperation; }
 
 protected:
+    // Deletes the playlist entries whose song is not in the database.
+    void clearPlaylists();
+
     KestrowOperation currentOperation;
     Kestrow* owner;
     OperationType type;

@@ -2,10 +2,18 @@
 #include "orchestration/MSDPipeline.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <QProcess>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+
+#include "msd/MSDCrawler.h"
+#include "msd/MSDMiner.h"
 
 #include "orchestration/Kestrow.h"
 #include "platform/log/LogCapture.h"
@@ -15,6 +23,7 @@
 #include "tests/support/Wait.h"
 
 using olvane::test::dbColumn;
+using olvane::test::dumpDifference;
 using Strings = std::vector<std::string>;
 
 namespace {
@@ -23,6 +32,16 @@ class MSDPipelineTest : public ::testing::Test {
 protected:
     void SetUp() override {
         DatabaseMgr::instance().setDatabaseDirectory(tmp.file("db"));
+        scheduler.setPipelineFactory([this](kestrow::OperationType, kestrow::Kestrow* owner) {
+            auto* pipeline = new kestrow::MSDPipeline(owner);
+            if (onDirectory)
+                static_cast<kestrow::MSDCrawler*>(pipeline->crawler())
+                    ->setDirectoryHook(onDirectory);
+            for (kestrow::Runnable* stage : pipeline->children)
+                if (auto* miner = dynamic_cast<kestrow::MSDMiner*>(stage); miner && onFile)
+                    miner->setFileHook(onFile);
+            return pipeline;
+        });
         scheduler.launch();
         scheduler.start();
     }
@@ -60,6 +79,9 @@ protected:
     }
 
     olvane::test::TempDir tmp;
+    // Given to the pipelines made from then on, run on their stage threads:
+    // before each directory of the walk, before each file the miner reads.
+    std::function<void(const std::string&)> onDirectory, onFile;
     kestrow::Kestrow scheduler;
 };
 
@@ -131,4 +153,93 @@ TEST_F(MSDPipelineTest, AnUnreadableFolderKeepsWhatItHeld) {
                        usb + "/new", usb + "/new/n.mp3"}),
               paths());
     EXPECT_EQ("PROGRESS", DatabaseMgr::instance().getStatus("dev", usb));
+}
+
+// The device goes away before the walk or before the first song is read, in
+// each of the ways a stick leaves: removed, renamed away, or unmounted with
+// its mount point folder kept (a tmpfs, detached as `umount -l` does). The
+// indexing ends "PROGRESS" with nothing deleted, and once the tree is back
+// the next indexing gives the tables of a clean index.
+TEST_F(MSDPipelineTest, AVanishedDeviceKeepsItsRowsAndComesBackWhole) {
+    for (int d = 0; d < 3; ++d)
+        for (int s = 0; s < 4; ++s)
+            tmp.copySample("gears-iron-road.mp3",
+                           "tree/d" + std::to_string(d) + "/" + std::to_string(s) + ".mp3");
+    tmp.write("tree/list.m3u", "d0/0.mp3\nd1/1.mp3\nd2/2.mp3\n");
+    const std::string usb = tmp.mkdir("usb");
+    auto copyTree = [&] {
+        ASSERT_EQ(0, QProcess::execute("cp", {"-a", tmp.file("tree/.").c_str(), usb.c_str()}));
+    };
+    copyTree();
+    index(usb, true);
+    const Strings clean = olvane::test::indexDump("dev");
+
+    enum Way { REMOVED, RENAMED, UNMOUNTED };
+    // Counts down the directories walked or files read before the device goes.
+    std::atomic<int> armed{0};
+    Way way = REMOVED;
+    bool mounted = false;
+    auto vanish = [&](const std::string&) {
+        if (armed <= 0 || --armed != 0)
+            return;
+        if (way == REMOVED)
+            std::filesystem::remove_all(usb);
+        else if (way == RENAMED)
+            std::filesystem::rename(usb, usb + ".away");
+        else
+            ASSERT_EQ(0, ::umount2(usb.c_str(), MNT_DETACH)) << std::strerror(errno);
+        mounted = false;
+    };
+    std::string skipped;
+    for (Way w : {REMOVED, RENAMED, UNMOUNTED}) {
+        for (bool inMiner : {false, true}) {
+            SCOPED_TRACE(std::to_string(w) + (inMiner ? " while mining" : " before the walk"));
+            way = w;
+            std::filesystem::remove_all(usb);
+            std::filesystem::remove_all(usb + ".away");
+            std::filesystem::create_directory(usb);
+            if (w == UNMOUNTED) {
+                if (::mount("tmpfs", usb.c_str(), "tmpfs", 0, "size=8m") != 0) {
+                    skipped = std::string("cannot mount a tmpfs: ") + std::strerror(errno);
+                    continue;
+                }
+                mounted = true;
+            }
+            copyTree();
+            olvane::test::TempDir db;
+            DatabaseMgr::instance().setDatabaseDirectory(db.path());
+            Strings before;
+            if (!inMiner) {
+                index(usb, true);
+                before = olvane::test::indexDump("dev");
+            }
+            // While mining: after some songs were saved, so that the playlist
+            // keeps the entries that name them.
+            armed = inMiner ? 6 : 1;
+            (inMiner ? onFile : onDirectory) = vanish;
+            index(usb, true);
+            onFile = onDirectory = nullptr;
+            EXPECT_EQ(0, armed);
+            EXPECT_EQ("PROGRESS", DatabaseMgr::instance().getStatus("dev", usb));
+            if (!inMiner) {
+                EXPECT_EQ("", dumpDifference(before, olvane::test::indexDump("dev")));
+            }
+
+            if (w == RENAMED) {
+                std::filesystem::rename(usb + ".away", usb);
+            } else {
+                std::filesystem::create_directory(usb);
+                if (w == UNMOUNTED)
+                    mounted = ::mount("tmpfs", usb.c_str(), "tmpfs", 0, "size=8m") == 0;
+                copyTree();
+            }
+            index(usb, true);
+            EXPECT_EQ("", dumpDifference(clean, olvane::test::indexDump("dev")));
+            EXPECT_EQ("OK", DatabaseMgr::instance().getStatus("dev", usb));
+            if (mounted)
+                mounted = ::umount2(usb.c_str(), MNT_DETACH) != 0;
+        }
+    }
+    if (!skipped.empty())
+        GTEST_SKIP() << "the unmounted device was not tried: " << skipped;
 }
