@@ -5,12 +5,14 @@
 #include <taglib/tdebuglistener.h>
 #include <taglib/tfile.h>
 
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <string>
 #include <utility>
 
 #include "db/Timer.h"
+#include "msd/BoundedFileStream.h"
 #include "msd/Encoder.h"
 #include "msd/MountPointCheck.h"
 #include "platform/common/DatabaseMgr.h"
@@ -88,7 +90,30 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
             break;
         }
         try {
-            TagLib::FileRef ref(path.c_str(), true, TagLib::AudioProperties::Average);
+            BoundedFileStream stream(path);
+            TagLib::FileRef ref;
+            // Without audio properties, unlike the "average" style: no column
+            // needs them, and TagLib would look for them through the whole file.
+            if (!stream.error())
+                ref = TagLib::FileRef(&stream, false);
+            if (stream.cutShort())
+                ZQLOG_INFO("reading cut short after %u reads: %s", stream.reads(), path.c_str());
+            if (stream.error()) {
+                ZQLOG_WARN("cannot read track: %s: %s", path.c_str(),
+                           std::strerror(stream.error()));
+                if (MountPointCheck::lost(in->operation)) {
+                    markGone(out->operation);
+                    break;
+                }
+                // Its row holds no tags until the file can be read.
+                ZQLOG_INFO("insert empty, to be read again: %s", path.c_str());
+                MetaDataInfo* info =
+                    new MetaDataInfo(path, mountPoint, std::string(), std::string(), std::string(),
+                                     std::string(), std::string(), 1, 1, file->lastModified);
+                info->lastModified = FileInfo::kUnreadTime;
+                out->items.push_back(info);
+                continue;
+            }
             if (ref.isNull()) {
                 ZQLOG_INFO("NULL file for track: %s", path.c_str());
                 if (MountPointCheck::lost(in->operation)) {

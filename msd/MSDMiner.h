@@ -12,6 +12,11 @@
 namespace kestrow {
 
 // Reads the tags of each file of a block and emits one song record per file.
+// A file is read through a BoundedFileStream, so it costs a few small reads
+// whatever it holds. A file that was read but holds no usable tag gets a
+// record with empty tags; one that could not be read at all (see
+// BoundedFileStream::error) gets the same record under FileInfo::kUnreadTime,
+// so that the next indexing reads it again.
 // Once the device is found gone (see MountPointCheck), the block ends there,
 // marked deviceGone, and the operation's later blocks are passed on empty.
 // Runs on its own thread. TagLib's diagnostics go to the log at debug level

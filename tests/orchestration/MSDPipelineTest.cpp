@@ -243,3 +243,26 @@ TEST_F(MSDPipelineTest, AVanishedDeviceKeepsItsRowsAndComesBackWhole) {
     if (!skipped.empty())
         GTEST_SKIP() << "the unmounted device was not tried: " << skipped;
 }
+
+// A song that cannot be read when the miner comes to it (here: gone, while
+// the device stays) gets a row that the next indexing reads again, instead of
+// an empty row kept for good; the playlist entry naming it stays meanwhile.
+TEST_F(MSDPipelineTest, ASongThatCouldNotBeReadIsReadAgainNextTime) {
+    const std::string usb = makePartition("usb");
+    const std::string song = usb + "/f/s.mp3";
+    const std::string kept = tmp.file("kept.mp3");
+    onFile = [&](const std::string& path) {
+        if (path == song)
+            std::filesystem::rename(song, kept);
+    };
+    index(usb, true);
+    onFile = nullptr;
+    std::filesystem::rename(kept, song);
+    EXPECT_EQ(Strings{""}, column("SELECT TITLE FROM SONGS"));
+    EXPECT_EQ(Strings{song}, column("SELECT DISTINCT TRACKPATH FROM PLAYLISTS"));
+
+    index(usb, false);
+    EXPECT_EQ(Strings{"Iron Road"}, column("SELECT TITLE FROM SONGS"));
+    EXPECT_EQ(Strings{song}, column("SELECT DISTINCT TRACKPATH FROM PLAYLISTS"));
+    EXPECT_EQ("OK", DatabaseMgr::instance().getStatus("dev", usb));
+}
