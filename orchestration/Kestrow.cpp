@@ -122,7 +122,9 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
         pipeline->enqueueNewOperation(operation, isFirstPartition);
     } catch (const std::exception& e) {
         ZQLOG_WARN("Error  %s", e.what());
-        DatabaseMgr::instance().deleteDb(deviceId);
+        // Only a file that is not a database goes: one that could not be
+        // written (a full or read-only disk) keeps what it holds.
+        DatabaseMgr::instance().deleteInvalidDb(deviceId);
         boost::shared_ptr<Block<void>> retire(new Block<void>());
         retire->operation = Operation(operation.id, unsigned(handle), deviceId, mountPoint, true);
         enqueue(retire);

@@ -38,7 +38,11 @@ public:
     void createDirectory();
 
     // Creates the database and its schema when missing (idempotent), in WAL
-    // mode, in one transaction, and records the partition: isFirstPartition
+    // mode, in one transaction, and records the partition. A file that is not
+    // an index database (not SQLite, damaged, other tables) is deleted and
+    // made anew, with a warning; SQLite's check of the whole file runs only
+    // when the last indexing of some partition did not end "OK". The
+    // directory is made 0700, the file 0600. isFirstPartition
     // starts a new attach of the device (the partitions seen so far are
     // forgotten); every call marks `mountPoint` as seen in the current attach.
     // Throws std::runtime_error when the database cannot be opened or made.
@@ -75,6 +79,10 @@ public:
     void releaseDevice(const std::string& devId);
     // Removes the file with its -wal and -shm files.
     void deleteDb(const std::string& devId);
+    // Removes them only when the file is not an index database (SQLite's
+    // check of the whole file fails, or it is not SQLite); a valid one, or
+    // one that cannot be read, is kept and the reason logged.
+    void deleteInvalidDb(const std::string& devId);
     // Checkpoints the WAL (TRUNCATE) and fsyncs the file, its WAL and its
     // directory. A missing database is only logged.
     void sync(const std::string& devId);
