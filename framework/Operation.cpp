@@ -3,7 +3,13 @@
 namespace kestrow {
 
 Operation::Operation()
-    : id(0), handle(0), lastBlock(false), deviceGone(false), rootDevice(0), rootInode(0) {}
+    : id(0),
+      handle(0),
+      lastBlock(false),
+      deviceGone(false),
+      rootDevice(0),
+      rootInode(0),
+      writeFailed(false) {}
 
 Operation::Operation(int id_, unsigned handle_, const std::string& deviceId_,
                      const std::string& mountPoint_, bool lastBlock_)
@@ -14,7 +20,8 @@ Operation::Operation(int id_, unsigned handle_, const std::string& deviceId_,
       lastBlock(lastBlock_),
       deviceGone(false),
       rootDevice(0),
-      rootInode(0) {}
+      rootInode(0),
+      writeFailed(false) {}
 
 Operation::Operation(const Operation& other)
     : id(other.id),
@@ -25,6 +32,7 @@ Operation::Operation(const Operation& other)
       deviceGone(other.deviceGone),
       rootDevice(other.rootDevice),
       rootInode(other.rootInode),
+      writeFailed(other.writeFailed),
       unreadable(other.unreadable) {}
 
 Operation::~Operation() = default;

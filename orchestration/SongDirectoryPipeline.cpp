@@ -16,7 +16,7 @@ namespace kestrow {
 
 SongDirectoryPipeline::SongDirectoryPipeline(const char* name_, Kestrow* owner_,
                                              OperationType type_)
-    : Pipeline<Block<void>, Block<void>>(name_), owner(owner_), type(type_) {
+    : Pipeline<Block<void>, Block<void>>(name_), owner(owner_), type(type_), writeFailed(false) {
     next = owner_;
 }
 
@@ -79,9 +79,11 @@ boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
         return boost::shared_ptr<Block<void>>();
     }
     ++currentOperation.resultCount;
-    // A folder that could not be read leaves the database incomplete too.
+    // A folder that could not be read, or rows that could not be written,
+    // leave the database incomplete too.
     currentOperation.incomplete =
-        currentOperation.incomplete || op.deviceGone || !op.unreadable.empty();
+        currentOperation.incomplete || op.deviceGone || !op.unreadable.empty() || op.writeFailed;
+    writeFailed = writeFailed || op.writeFailed;
     ZQLOG_INFO("Result for id %d: %d", op.id, currentOperation.resultCount);
     if (currentOperation.resultCount != kTerminalStages)
         return boost::shared_ptr<Block<void>>();
@@ -100,9 +102,17 @@ boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
     DatabaseMgr& mgr = DatabaseMgr::instance();
     const std::string& deviceId = currentOperation.deviceId;
     const std::string& mountPoint = currentOperation.mountPoint;
-    mgr.insertStatus(deviceId, mountPoint, currentOperation.incomplete ? "PROGRESS" : "OK");
-    mgr.removeDanglingPartitions(deviceId, mountPoint);
-    emit KestrowQTProxy::instance().indexingFinished(QString::fromUtf8(mountPoint.c_str()));
+    if (!writeFailed &&
+        mgr.insertStatus(deviceId, mountPoint, currentOperation.incomplete ? "PROGRESS" : "OK")) {
+        mgr.removeDanglingPartitions(deviceId, mountPoint);
+        emit KestrowQTProxy::instance().indexingFinished(QString::fromUtf8(mountPoint.c_str()));
+    } else {
+        // No indexingFinished, which would say that every row is committed:
+        // the host learns of the failure by the request ending without it.
+        ZQLOG_ERROR("indexing of %s not finished: its database could not be written",
+                    mountPoint.c_str());
+        mgr.insertStatus(deviceId, mountPoint, "PROGRESS");
+    }
     mgr.sync(deviceId);
     mgr.checkAndDelete(deviceId, 89128960);
 

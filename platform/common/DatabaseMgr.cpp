@@ -416,6 +416,14 @@ void DatabaseMgr::createDb(const std::string& devId, const std::string& mountPoi
                            bool isFirstPartition) {
     createDirectory();
     const std::string name = getDbNameFromDevId(devId);
+    // Said plainly before SQLite tries: for a read-only folder it names the
+    // shared-memory file it could not make.
+    for (const std::string& path : {databaseDirectory(), name}) {
+        if (::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 && errno != ENOENT) {
+            ZQLOG_ERROR("cannot write %s: %s", path.c_str(), std::strerror(errno));
+            throw std::runtime_error("cannot write " + path);
+        }
+    }
     std::string why;
     if (fileExists(name) && inspect(name, false, why) == Verdict::INVALID) {
         ZQLOG_WARN("%s is not an index database (%s): rebuilt", name.c_str(), why.c_str());
@@ -493,15 +501,18 @@ void DatabaseMgr::removeDanglingPartitions(const std::string& devId,
     }
 }
 
-void DatabaseMgr::insertStatus(const std::string& devId, const std::string& mountPoint,
+bool DatabaseMgr::insertStatus(const std::string& devId, const std::string& mountPoint,
                                const char* status) {
     Connection c(getDbNameFromDevId(devId), false, kBusyTimeoutMs);
     if (!c.ok())
-        return;
+        return false;
     const long long at = now();
     if (!c.run("REPLACE INTO OLVANE_STATUS (MOUNTPOINT, STATUS, INDEXED_AT) VALUES (?, ?, ?);",
-               {mountPoint, status ? status : ""}, nullptr, &at))
+               {mountPoint, status ? status : ""}, nullptr, &at)) {
         ZQLOG_ERROR("status %s of %s not recorded", status ? status : "", mountPoint.c_str());
+        return false;
+    }
+    return true;
 }
 
 std::string DatabaseMgr::getStatus(const std::string& devId, const std::string& mountPoint) {

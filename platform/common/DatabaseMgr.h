@@ -54,9 +54,9 @@ public:
     // below a partition seen in the current attach. `mountPoint` is kept.
     void removeDanglingPartitions(const std::string& devId, const std::string& mountPoint);
 
-    // Records `status` for the mount point with the current time. Does not
-    // create a database that does not exist.
-    void insertStatus(const std::string& devId, const std::string& mountPoint, const char* status);
+    // Records `status` for the mount point with the current time; false when
+    // it could not be written. Does not create a database that does not exist.
+    bool insertStatus(const std::string& devId, const std::string& mountPoint, const char* status);
     // "" when no status is recorded or the database cannot be read.
     std::string getStatus(const std::string& devId, const std::string& mountPoint);
     // Every (mount point, status) recorded for the device, by mount point.

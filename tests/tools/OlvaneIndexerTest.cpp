@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -12,6 +15,7 @@
 #include <QStringList>
 
 #include "platform/common/DatabaseMgr.h"
+#include "tests/support/Sql.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Wait.h"
 
@@ -211,3 +215,68 @@ TEST_F(OlvaneIndexerTest, CtrlCStopsCleanlyAndKeepsWhatWasCommitted) {
 }
 
 }  // namespace
+
+// The disk that holds the databases fills up mid-way, turns read-only, or
+// holds a database file the indexer may not write: each run ends with a
+// clear error, never as done, and keeps the database; once there is room,
+// the next run completes with the tables of a clean index.
+TEST_F(OlvaneIndexerTest, AFullOrReadOnlyDiskEndsWithAClearErrorAndKeepsTheDatabase) {
+    const std::string db = dbDir().toStdString(), dev = "stick";
+    TempDir cleanDb;
+    ASSERT_EQ(0, ::mkdir(db.c_str(), 0777));
+    if (::mount("tmpfs", db.c_str(), "tmpfs", 0, "size=4m,mode=0777") != 0)
+        GTEST_SKIP() << "a full and a read-only disk need a tmpfs, which needs root: "
+                     << std::strerror(errno);
+    struct Unmount {
+        std::string at;
+        ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
+    } unmount{db};
+    auto remount = [&](const char* options) {
+        return ::mount("tmpfs", db.c_str(), "tmpfs", MS_REMOUNT, options);
+    };
+    auto dump = [&](const std::string& dir) {
+        DatabaseMgr::instance().setDatabaseDirectory(dir);
+        return olvane::test::indexDump(dev);
+    };
+    const QStringList args = {"--device-id", QString::fromStdString(dev), "--no-progress", mp()};
+    ASSERT_EQ(0, run(withDb(args)).exitCode);
+    for (int i = 0; i < 1000; ++i)
+        tree.copySample("gears-copper-sky.mp3", "usb/many/" + std::to_string(i) + ".mp3");
+    ASSERT_EQ(0, run(QStringList{"--db-dir", cleanDb.path().c_str()} + args).exitCode);
+    const auto clean = dump(cleanDb.path());
+    DatabaseMgr::instance().setDatabaseDirectory(db);
+
+    struct statvfs fs;
+    ASSERT_EQ(0, ::statvfs(db.c_str(), &fs));
+    const unsigned long long used = (fs.f_blocks - fs.f_bfree) * fs.f_frsize;
+    ASSERT_EQ(0, remount(("size=" + std::to_string(used + (64 << 10))).c_str()));
+    Result full = run(withDb(args));
+    EXPECT_EQ(1, full.exitCode);
+    EXPECT_TRUE(full.err.contains("database or disk is full")) << full.err.toStdString();
+    EXPECT_FALSE(full.lines.contains("indexingFinished " + mp()));
+    EXPECT_NE("OK", DatabaseMgr::instance().getStatus(dev, root));
+
+    ASSERT_EQ(0, remount("size=64m"));
+    ASSERT_EQ(0, run(withDb(args)).exitCode);
+    EXPECT_EQ("", olvane::test::dumpDifference(clean, dump(db)));
+    EXPECT_EQ("OK", DatabaseMgr::instance().getStatus(dev, root));
+
+    // Something to write: a changed song.
+    olvane::test::setMtime(tree.file("usb/many/0.mp3"), 1000000000);
+    ASSERT_EQ(0, remount("ro"));
+    Result readOnly = run(withDb(args));
+    EXPECT_EQ(1, readOnly.exitCode);
+    EXPECT_TRUE(readOnly.err.contains("Read-only file system")) << readOnly.err.toStdString();
+    ASSERT_EQ(0, remount("rw"));
+    EXPECT_EQ("", olvane::test::dumpDifference(clean, dump(db)));
+
+    // A database file that the indexer may read but not write, in a folder
+    // it may write.
+    QProcess::execute("chmod", {"-R", "a+rX", tree.path().c_str()});
+    ASSERT_EQ(0, ::chmod(DatabaseMgr::instance().getDbNameFromDevId(dev).c_str(), 0644));
+    const QStringList asNobody = {"--reuid=65534", "--regid=65534", "--clear-groups"};
+    Result other = run(asNobody + QStringList{OLVANE_INDEXER} + withDb(args), "setpriv");
+    EXPECT_EQ(1, other.exitCode);
+    EXPECT_TRUE(other.err.contains("Permission denied")) << other.err.toStdString();
+    EXPECT_EQ("", olvane::test::dumpDifference(clean, dump(db)));
+}
