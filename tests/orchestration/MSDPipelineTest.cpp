@@ -2,6 +2,7 @@
 #include "orchestration/MSDPipeline.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,8 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <utility>
+#include <vector>
 
 #include "msd/MSDCrawler.h"
 #include "msd/MSDMiner.h"
@@ -105,12 +108,14 @@ TEST_F(MSDPipelineTest, FailedTransactionsAreLoggedWithTheDatabaseMessage) {
 }
 
 TEST_F(MSDPipelineTest, EachPartitionKeepsItsOwnRows) {
-    // Each name is a prefix, or a LIKE pattern, of the next one's.
-    const Strings names = {"usb1", "usb10", "a_b", "aXb", "100%", "100x"};
+    // Each name is a prefix, or a LIKE pattern, of the next one's; the last
+    // would end the SQL text it was pasted into.
+    const Strings names = {
+        "usb1", "usb10", "a_b", "aXb", "100%", "100x", "it's \"x\"; DROP TABLE SONGS; --"};
     for (size_t i = 0; i < names.size(); ++i)
         index(makePartition("x/" + names[i]), i == 0);
     const Strings rows = paths();
-    ASSERT_EQ(6u * 3 + 5, rows.size());  // two folders and a song each, five playlists
+    ASSERT_EQ(7u * 3 + 6, rows.size());  // two folders and a song each, six playlists
 
     for (const std::string& name : names) {
         EXPECT_TRUE(index(tmp.file("x/" + name), false).filter("contentModified").isEmpty())
@@ -265,4 +270,35 @@ TEST_F(MSDPipelineTest, ASongThatCouldNotBeReadIsReadAgainNextTime) {
     EXPECT_EQ(Strings{"Iron Road"}, column("SELECT TITLE FROM SONGS"));
     EXPECT_EQ(Strings{song}, column("SELECT DISTINCT TRACKPATH FROM PLAYLISTS"));
     EXPECT_EQ("OK", DatabaseMgr::instance().getStatus("dev", usb));
+}
+
+// Nothing on the device leads the indexer to read outside its mount point:
+// neither links to files, folders or "/", nor playlist entries (relative,
+// absolute, file URIs), nor an XML entity naming a file.
+TEST_F(MSDPipelineTest, NothingOnTheDeviceIsReadFromOutsideIt) {
+    const std::string usb = makePartition("usb");
+    const std::string out = tmp.mkdir("outside");
+    tmp.copySample("gears-old-times.mp3", "outside/secret.mp3");
+    tmp.write("outside/secret.m3u", "secret.mp3\n");
+    for (const auto& [target, link] :
+         std::vector<std::pair<std::string, std::string>>{{"../outside/secret.mp3", "usb/out.mp3"},
+                                                          {"../outside/secret.m3u", "usb/out.m3u"},
+                                                          {"../outside", "usb/outdir"},
+                                                          {"/", "usb/root"}})
+        ASSERT_EQ(0, ::symlink(target.c_str(), tmp.file(link).c_str())) << link;
+    tmp.write("usb/list.m3u", "../outside/secret.mp3\n" + out + "/secret.mp3\nfile://" + out +
+                                  "/secret.mp3\n../outside/secret.m3u\n");
+    tmp.write("usb/list.asx", "<!DOCTYPE asx [<!ENTITY x SYSTEM \"file://" + out +
+                                  "/secret.m3u\">]><asx version=\"3.0\"><entry><ref href=\"&x;\"/>"
+                                  "</entry></asx>\n");
+    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(watch, 0);
+    ASSERT_GE(::inotify_add_watch(watch, out.c_str(), IN_OPEN | IN_ACCESS), 0);
+    index(usb, true);
+    char events[4096];
+    EXPECT_LE(::read(watch, events, sizeof events), 0) << "a file outside was opened";
+    ::close(watch);
+    for (const std::string& path :
+         column("SELECT PATH FROM SONGS UNION SELECT TRACKPATH FROM PLAYLISTS"))
+        EXPECT_EQ(0u, path.rfind(usb + "/", 0)) << path;
 }
