@@ -2,7 +2,6 @@
 #include "orchestration/MSDPipeline.h"
 
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,8 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <utility>
-#include <vector>
 
 #include "msd/MSDCrawler.h"
 #include "msd/MSDMiner.h"
@@ -166,87 +163,65 @@ TEST_F(MSDPipelineTest, AnUnreadableFolderKeepsWhatItHeld) {
 // indexing ends "PROGRESS" with nothing deleted, and once the tree is back
 // the next indexing gives the tables of a clean index.
 TEST_F(MSDPipelineTest, AVanishedDeviceKeepsItsRowsAndComesBackWhole) {
-    for (int d = 0; d < 3; ++d)
-        for (int s = 0; s < 4; ++s)
-            tmp.copySample("gears-iron-road.mp3",
-                           "tree/d" + std::to_string(d) + "/" + std::to_string(s) + ".mp3");
-    tmp.write("tree/list.m3u", "d0/0.mp3\nd1/1.mp3\nd2/2.mp3\n");
-    const std::string usb = tmp.mkdir("usb");
-    auto copyTree = [&] {
-        ASSERT_EQ(0, QProcess::execute("cp", {"-a", tmp.file("tree/.").c_str(), usb.c_str()}));
+    for (int s = 0; s < 12; ++s)
+        tmp.copySample("gears-iron-road.mp3",
+                       "tree/d" + std::to_string(s / 4) + "/" + std::to_string(s) + ".mp3");
+    tmp.write("tree/list.m3u", "d0/0.mp3\nd1/5.mp3\nd2/10.mp3\n");
+    const std::string usb = tmp.file("usb");
+    enum Way { REMOVED, RENAMED, UNMOUNTED } way = REMOVED;
+    // A fresh copy of the tree at the mount point, on a tmpfs of its own when
+    // it is to be unmounted.
+    auto place = [&] {
+        ::umount2(usb.c_str(), MNT_DETACH);
+        std::filesystem::remove_all(usb + ".away");
+        std::filesystem::remove_all(usb);
+        std::filesystem::create_directory(usb);
+        return (way != UNMOUNTED || ::mount("tmpfs", usb.c_str(), "tmpfs", 0, "size=8m") == 0) &&
+               QProcess::execute("cp", {"-a", tmp.file("tree/.").c_str(), usb.c_str()}) == 0;
     };
-    copyTree();
+    ASSERT_TRUE(place());
     index(usb, true);
     const Strings clean = olvane::test::indexDump("dev");
-
-    enum Way { REMOVED, RENAMED, UNMOUNTED };
-    // Counts down the directories walked or files read before the device goes.
-    std::atomic<int> armed{0};
-    Way way = REMOVED;
-    bool mounted = false;
+    std::atomic<int> countdown{0};  // folders walked or songs read until the device goes
     auto vanish = [&](const std::string&) {
-        if (armed <= 0 || --armed != 0)
+        if (countdown <= 0 || --countdown != 0)
             return;
         if (way == REMOVED)
             std::filesystem::remove_all(usb);
         else if (way == RENAMED)
             std::filesystem::rename(usb, usb + ".away");
         else
-            ASSERT_EQ(0, ::umount2(usb.c_str(), MNT_DETACH)) << std::strerror(errno);
-        mounted = false;
+            EXPECT_EQ(0, ::umount2(usb.c_str(), MNT_DETACH)) << std::strerror(errno);
     };
-    std::string skipped;
     for (Way w : {REMOVED, RENAMED, UNMOUNTED}) {
         for (bool inMiner : {false, true}) {
-            SCOPED_TRACE(std::to_string(w) + (inMiner ? " while mining" : " before the walk"));
             way = w;
-            std::filesystem::remove_all(usb);
-            std::filesystem::remove_all(usb + ".away");
-            std::filesystem::create_directory(usb);
-            if (w == UNMOUNTED) {
-                if (::mount("tmpfs", usb.c_str(), "tmpfs", 0, "size=8m") != 0) {
-                    skipped = std::string("cannot mount a tmpfs: ") + std::strerror(errno);
-                    continue;
-                }
-                mounted = true;
-            }
-            copyTree();
+            SCOPED_TRACE(std::to_string(w) + (inMiner ? " while mining" : " before the walk"));
+            if (!place())
+                GTEST_SKIP() << "unmounting needs a tmpfs, which needs root: "
+                             << std::strerror(errno);
             olvane::test::TempDir db;
             DatabaseMgr::instance().setDatabaseDirectory(db.path());
-            Strings before;
-            if (!inMiner) {
+            if (!inMiner)
                 index(usb, true);
-                before = olvane::test::indexDump("dev");
-            }
+            const Strings before = inMiner ? Strings() : olvane::test::indexDump("dev");
             // While mining: after some songs were saved, so that the playlist
             // keeps the entries that name them.
-            armed = inMiner ? 6 : 1;
+            countdown = inMiner ? 6 : 1;
             (inMiner ? onFile : onDirectory) = vanish;
             index(usb, true);
             onFile = onDirectory = nullptr;
-            EXPECT_EQ(0, armed);
             EXPECT_EQ("PROGRESS", DatabaseMgr::instance().getStatus("dev", usb));
             if (!inMiner) {
                 EXPECT_EQ("", dumpDifference(before, olvane::test::indexDump("dev")));
             }
-
-            if (w == RENAMED) {
-                std::filesystem::rename(usb + ".away", usb);
-            } else {
-                std::filesystem::create_directory(usb);
-                if (w == UNMOUNTED)
-                    mounted = ::mount("tmpfs", usb.c_str(), "tmpfs", 0, "size=8m") == 0;
-                copyTree();
-            }
+            ASSERT_TRUE(place());
             index(usb, true);
             EXPECT_EQ("", dumpDifference(clean, olvane::test::indexDump("dev")));
             EXPECT_EQ("OK", DatabaseMgr::instance().getStatus("dev", usb));
-            if (mounted)
-                mounted = ::umount2(usb.c_str(), MNT_DETACH) != 0;
         }
     }
-    if (!skipped.empty())
-        GTEST_SKIP() << "the unmounted device was not tried: " << skipped;
+    ::umount2(usb.c_str(), MNT_DETACH);
 }
 
 // A song that cannot be read when the miner comes to it (here: gone, while
@@ -270,35 +245,4 @@ TEST_F(MSDPipelineTest, ASongThatCouldNotBeReadIsReadAgainNextTime) {
     EXPECT_EQ(Strings{"Iron Road"}, column("SELECT TITLE FROM SONGS"));
     EXPECT_EQ(Strings{song}, column("SELECT DISTINCT TRACKPATH FROM PLAYLISTS"));
     EXPECT_EQ("OK", DatabaseMgr::instance().getStatus("dev", usb));
-}
-
-// Nothing on the device leads the indexer to read outside its mount point:
-// neither links to files, folders or "/", nor playlist entries (relative,
-// absolute, file URIs), nor an XML entity naming a file.
-TEST_F(MSDPipelineTest, NothingOnTheDeviceIsReadFromOutsideIt) {
-    const std::string usb = makePartition("usb");
-    const std::string out = tmp.mkdir("outside");
-    tmp.copySample("gears-old-times.mp3", "outside/secret.mp3");
-    tmp.write("outside/secret.m3u", "secret.mp3\n");
-    for (const auto& [target, link] :
-         std::vector<std::pair<std::string, std::string>>{{"../outside/secret.mp3", "usb/out.mp3"},
-                                                          {"../outside/secret.m3u", "usb/out.m3u"},
-                                                          {"../outside", "usb/outdir"},
-                                                          {"/", "usb/root"}})
-        ASSERT_EQ(0, ::symlink(target.c_str(), tmp.file(link).c_str())) << link;
-    tmp.write("usb/list.m3u", "../outside/secret.mp3\n" + out + "/secret.mp3\nfile://" + out +
-                                  "/secret.mp3\n../outside/secret.m3u\n");
-    tmp.write("usb/list.asx", "<!DOCTYPE asx [<!ENTITY x SYSTEM \"file://" + out +
-                                  "/secret.m3u\">]><asx version=\"3.0\"><entry><ref href=\"&x;\"/>"
-                                  "</entry></asx>\n");
-    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    ASSERT_GE(watch, 0);
-    ASSERT_GE(::inotify_add_watch(watch, out.c_str(), IN_OPEN | IN_ACCESS), 0);
-    index(usb, true);
-    char events[4096];
-    EXPECT_LE(::read(watch, events, sizeof events), 0) << "a file outside was opened";
-    ::close(watch);
-    for (const std::string& path :
-         column("SELECT PATH FROM SONGS UNION SELECT TRACKPATH FROM PLAYLISTS"))
-        EXPECT_EQ(0u, path.rfind(usb + "/", 0)) << path;
 }

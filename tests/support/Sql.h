@@ -28,10 +28,6 @@ inline std::vector<std::string> dbColumn(const std::string& devId, const std::st
     return rows;
 }
 
-}  // namespace olvane::test
-
-namespace olvane::test {
-
 // Every row of the device's index tables as "TABLE|value|value..." texts,
 // sorted; row ids (ID columns) are left out, as two runs that write the same
 // rows number them differently. Compares a database with a clean index of
@@ -65,28 +61,17 @@ inline std::vector<std::string> indexDump(const std::string& devId) {
     return rows;
 }
 
-}  // namespace olvane::test
-
-namespace olvane::test {
-
-// "" when the dumps hold the same rows; else the first rows only one of them
-// holds, "-" for `want`'s and "+" for `got`'s.
+// "" when the dumps hold the same rows; else the first rows that only one
+// of them holds, "-" for `want`'s and "+" for `got`'s.
 inline std::string dumpDifference(const std::vector<std::string>& want,
                                   const std::vector<std::string>& got) {
-    std::vector<std::string> missing, extra;
-    std::set_difference(want.begin(), want.end(), got.begin(), got.end(),
-                        std::back_inserter(missing));
-    std::set_difference(got.begin(), got.end(), want.begin(), want.end(),
-                        std::back_inserter(extra));
-    std::string out;
-    for (size_t i = 0; i < missing.size() && i < 5; ++i)
-        out += "-" + missing[i] + "\n";
-    for (size_t i = 0; i < extra.size() && i < 5; ++i)
-        out += "+" + extra[i] + "\n";
-    if (missing.size() + extra.size() > 10 || (out.empty() && want != got))
-        out += std::to_string(missing.size()) + " missing, " + std::to_string(extra.size()) +
-               " extra rows\n";
-    return out;
+    std::vector<std::string> rows;
+    std::set_symmetric_difference(want.begin(), want.end(), got.begin(), got.end(),
+                                  std::back_inserter(rows));
+    std::string out = rows.empty() && want != got ? "the same rows, repeated differently\n" : "";
+    for (size_t i = 0; i < rows.size() && i < 6; ++i)
+        out += (std::binary_search(want.begin(), want.end(), rows[i]) ? "-" : "+") + rows[i] + "\n";
+    return out + (rows.size() > 6 ? std::to_string(rows.size()) + " rows differ\n" : "");
 }
 
 }  // namespace olvane::test

@@ -15,6 +15,7 @@
 #include <QProcess>
 #include <QStringList>
 #include <filesystem>
+#include <memory>
 #include <random>
 
 #include "platform/common/DatabaseMgr.h"
@@ -230,10 +231,7 @@ TEST_F(OlvaneIndexerTest, AFullOrReadOnlyDiskEndsWithAClearErrorAndKeepsTheDatab
     if (::mount("tmpfs", db.c_str(), "tmpfs", 0, "size=4m,mode=0777") != 0)
         GTEST_SKIP() << "a full and a read-only disk need a tmpfs, which needs root: "
                      << std::strerror(errno);
-    struct Unmount {
-        std::string at;
-        ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
-    } unmount{db};
+    std::shared_ptr<void> unmount(nullptr, [&db](void*) { ::umount2(db.c_str(), MNT_DETACH); });
     auto remount = [&](const char* options) {
         return ::mount("tmpfs", db.c_str(), "tmpfs", MS_REMOUNT, options);
     };
