@@ -11,14 +11,15 @@
 
 // Opens `stream`'s connection on the device's existing database (made by
 // createDb), creating the database directory first, and sets the busy
-// time-out. Throws std::runtime_error("cannot open db") when the open fails,
-// a missing file included; the stream is then left with no connection and
-// cleared flags.
+// time-out, and clears its storageError. Throws std::runtime_error("cannot
+// open db") when the open fails, a missing file included; the stream is then
+// left with no connection and cleared flags.
 template <class Stream>
 bool DatabaseMgr::open(const std::string& devId, Stream& stream, int timeoutMs) {
     std::string name = getDbNameFromDevId(devId);
     createDirectory();
     stream.finalize();
+    stream.storageError = 0;
     if (stream.db) {
         sqlite3_close(stream.db);
         stream.db = nullptr;

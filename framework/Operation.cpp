@@ -2,7 +2,14 @@
 
 namespace kestrow {
 
-Operation::Operation() : id(0), handle(0), lastBlock(false), deviceGone(false) {}
+Operation::Operation()
+    : id(0),
+      handle(0),
+      lastBlock(false),
+      deviceGone(false),
+      rootDevice(0),
+      rootInode(0),
+      writeFailed(false) {}
 
 Operation::Operation(int id_, unsigned handle_, const std::string& deviceId_,
                      const std::string& mountPoint_, bool lastBlock_)
@@ -11,7 +18,10 @@ Operation::Operation(int id_, unsigned handle_, const std::string& deviceId_,
       deviceId(deviceId_),
       mountPoint(mountPoint_),
       lastBlock(lastBlock_),
-      deviceGone(false) {}
+      deviceGone(false),
+      rootDevice(0),
+      rootInode(0),
+      writeFailed(false) {}
 
 Operation::Operation(const Operation& other)
     : id(other.id),
@@ -20,6 +30,9 @@ Operation::Operation(const Operation& other)
       mountPoint(other.mountPoint),
       lastBlock(other.lastBlock),
       deviceGone(other.deviceGone),
+      rootDevice(other.rootDevice),
+      rootInode(other.rootInode),
+      writeFailed(other.writeFailed),
       unreadable(other.unreadable) {}
 
 Operation::~Operation() = default;

@@ -24,6 +24,14 @@ public:
     bool lastBlock;
     // Set by a stage that found the device gone; never cleared.
     bool deviceGone;
+    // The mount point's file system and folder (st_dev, st_ino) when the
+    // operation was made; both 0 when not known. A mount point that shows
+    // another one is a vanished device (see msd/MountPointCheck.h).
+    unsigned long long rootDevice;
+    unsigned long long rootInode;
+    // Set by a stage that could not write the database (full, read-only or
+    // failing storage): the database does not hold what the stage was given.
+    bool writeFailed;
     // Folders of the device that the crawler could not read completely, set
     // on the blocks it sends: the rows in and below them are kept, and the
     // operation ends with status "PROGRESS".

@@ -25,6 +25,10 @@ public:
         return DatabaseMgr::instance().open(devId, istream, kBusyTimeoutMs);
     }
 
+    // Whether either connection failed to store or read the database since
+    // it was opened (see basic_sqlstream::storageError).
+    bool storageFailed() const { return ostream.storageError || istream.storageError; }
+
     sqlstl::basic_sqlostream<char> ostream;
     sqlstl::basic_sqlistream<char> istream;
 };

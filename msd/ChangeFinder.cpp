@@ -32,6 +32,8 @@ boost::shared_ptr<Block<FileInfo*>> ChangeFinder::doOperation(
     finder.findDifference(selectText, deleteText, in.get(), out.get(), !completeSelect);
     istream.close();
     ostream.close();
+    if (storageFailed())
+        out->operation.writeFailed = true;
 
     if (!out->items.empty()) {
         DatabaseMgr::instance().insertStatus(op.deviceId, op.mountPoint, "PROGRESS");

@@ -4,10 +4,10 @@
 
 // One row read back by a change finder: a song, or one row of a playlist.
 struct DbObject {
-    DbObject(int id_, int lastModified_, const std::string& path_)
+    DbObject(int id_, long long lastModified_, const std::string& path_)
         : id(id_), lastModified(lastModified_), path(path_) {}
 
-    int id;            // ID, the row key
-    int lastModified;  // LASTMODIFIED, seconds
-    std::string path;  // PATH, or PLAYPATH for playlists
+    int id;                  // ID, the row key
+    long long lastModified;  // LASTMODIFIED, seconds; FileInfo::kUnreadTime matches no file
+    std::string path;        // PATH, or PLAYPATH for playlists
 };

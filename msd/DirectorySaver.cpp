@@ -157,6 +157,8 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
     ZQLOG_INFO("close");
     ostream.close();
     istream.close();
+    if (storageFailed())
+        out->operation.writeFailed = true;
     return out;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <climits>
 #include <string>
 
 namespace kestrow {
@@ -10,6 +11,11 @@ struct FileInfo {
     FileInfo(const FileInfo&) = delete;
     FileInfo& operator=(const FileInfo&) = delete;
     ~FileInfo();
+
+    // The modification time stored for a song whose file could not be read
+    // (an I/O or permission error, a vanished file): no file has it, so the
+    // change finder passes the file on again at the next indexing.
+    static constexpr long long kUnreadTime = LLONG_MIN;
 
     std::string* path;  // absolute; owned
     unsigned reserved;  // 0 from the mass-storage crawler; the object id on MTP

@@ -60,12 +60,14 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
         if (!istream.good())
             break;
         int id = 0;
-        double lastModified = 0;
+        // Read whole, not as a floating value cut to an int: the time of a
+        // song that could not be read lies outside the range of file times.
+        long long lastModified = 0;
         std::string path;
         // A NULL path reads as "" and the reading goes on: such a row matches
         // no file and is deleted, instead of hiding the rows after it.
         istream >> id >> lastModified >> path;
-        objects.push_back(DbObject(id, int(lastModified), path));
+        objects.push_back(DbObject(id, lastModified, path));
     }
     istream.finalize();
 

@@ -14,6 +14,7 @@
 
 #include "db/Timer.h"
 #include "facade/KestrowQTProxy.h"
+#include "msd/MountPointCheck.h"
 
 namespace kestrow {
 
@@ -100,6 +101,10 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
     ZQLOG_INFO("MSDCrawler for: %s (op: %d)", dirs.empty() ? "" : dirs[0]->path.c_str(),
                in->operation.id);
     Timer timer;
+    // The device is the file system found at the mount point when the
+    // request was made, or else now.
+    if (!in->operation.rootDevice && !in->operation.rootInode)
+        MountPointCheck::record(in->operation);
 
     boost::shared_ptr<Block<FileInfo*>> songs(new Block<FileInfo*>());
     songs->operation = in->operation;
@@ -116,22 +121,28 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
             walked.insert(DirectoryKey(st.st_dev, st.st_ino));
     }
 
+    auto markGone = [&] {
+        in->operation.deviceGone = true;
+        songs->operation.deviceGone = true;
+        playlists->operation.deviceGone = true;
+    };
     uint16_t tracks = 0;
     std::vector<std::string> unreadable;
     for (size_t index = 0; index < dirs.size(); ++index) {
         Directory* current = dirs[index];
         if (directoryHook)
             directoryHook(current->path);
+        // Checked before each folder, not only when one fails to open: the
+        // folder a stick was mounted on can be opened once the stick is gone.
+        if (MountPointCheck::lost(in->operation)) {
+            markGone();
+            break;
+        }
         DIR* dir = opendir(current->path.c_str());
         if (!dir) {
             ZQLOG_WARN("Error opening dir: %s", current->path.c_str());
-            struct stat st;
-            if (stat(mountPoint.c_str(), &st) != 0) {
-                int error = errno;
-                ZQLOG_ERROR("MOUNT POINT IS NOT PRESENT ANYMORE %s: %d", mountPoint.c_str(), error);
-                in->operation.deviceGone = true;
-                songs->operation.deviceGone = true;
-                playlists->operation.deviceGone = true;
+            if (MountPointCheck::lost(in->operation)) {
+                markGone();
                 break;
             }
             ZQLOG_WARN("go on");

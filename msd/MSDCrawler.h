@@ -18,9 +18,11 @@ namespace kestrow {
 // input block, now holding every directory walked, enqueued into the
 // directory sink. At most kTrackLimit songs are collected per operation.
 //
-// A folder that cannot be opened or read completely while the mount point
-// is still there is logged and passed over; its path goes into the
-// `unreadable` list of all three blocks' operation.
+// Before each directory the device is looked for (MountPointCheck): once it
+// is gone the walk ends, and all three blocks are marked deviceGone with
+// what was found so far. A folder that cannot be opened or read completely
+// while the device is still there is logged and passed over; its path goes
+// into the `unreadable` list of all three blocks' operation.
 //
 // Symbolic links are followed, but an entry whose target resolves outside the
 // mount point is skipped, and a directory (device and inode) is walked at

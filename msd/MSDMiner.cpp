@@ -1,18 +1,20 @@
 #include "msd/MSDMiner.h"
 
-#include <sys/stat.h>
 #include <taglib/audioproperties.h>
 #include <taglib/fileref.h>
 #include <taglib/tdebuglistener.h>
 #include <taglib/tfile.h>
 
-#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "db/Timer.h"
+#include "msd/BoundedFileStream.h"
 #include "msd/Encoder.h"
+#include "msd/MountPointCheck.h"
 #include "platform/common/DatabaseMgr.h"
 
 namespace kestrow {
@@ -47,7 +49,17 @@ void silenceTagLib() {
 
 }  // namespace
 
-MSDMiner::MSDMiner(const char* name_) : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_) {}
+MSDMiner::MSDMiner(const char* name_)
+    : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_), goneOperation(-1) {}
+
+void MSDMiner::markGone(Operation& op) {
+    op.deviceGone = true;
+    goneOperation = op.id;
+}
+
+void MSDMiner::setFileHook(std::function<void(const std::string&)> hook) {
+    fileHook = std::move(hook);
+}
 
 boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
     boost::shared_ptr<Block<FileInfo*>> in) {
@@ -69,15 +81,43 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
         if (!file || !file->path)
             continue;
         const std::string& path = *file->path;
+        if (fileHook)
+            fileHook(path);
+        // Checked before each file: a stick unmounted with its folder kept
+        // makes every later file fail to open, not the mount point.
+        if (goneOperation == in->operation.id || MountPointCheck::lost(in->operation)) {
+            markGone(out->operation);
+            break;
+        }
         try {
-            TagLib::FileRef ref(path.c_str(), true, TagLib::AudioProperties::Average);
+            BoundedFileStream stream(path);
+            TagLib::FileRef ref;
+            // Without audio properties, unlike the "average" style: no column
+            // needs them, and TagLib would look for them through the whole file.
+            if (!stream.error())
+                ref = TagLib::FileRef(&stream, false);
+            if (stream.cutShort())
+                ZQLOG_INFO("reading cut short after %u reads: %s", stream.reads(), path.c_str());
+            if (stream.error()) {
+                ZQLOG_WARN("cannot read track: %s: %s", path.c_str(),
+                           std::strerror(stream.error()));
+                if (MountPointCheck::lost(in->operation)) {
+                    markGone(out->operation);
+                    break;
+                }
+                // Its row holds no tags until the file can be read.
+                ZQLOG_INFO("insert empty, to be read again: %s", path.c_str());
+                MetaDataInfo* info =
+                    new MetaDataInfo(path, mountPoint, std::string(), std::string(), std::string(),
+                                     std::string(), std::string(), 1, 1, file->lastModified);
+                info->lastModified = FileInfo::kUnreadTime;
+                out->items.push_back(info);
+                continue;
+            }
             if (ref.isNull()) {
                 ZQLOG_INFO("NULL file for track: %s", path.c_str());
-                struct stat st;
-                if (stat(mountPoint.c_str(), &st) != 0) {
-                    ZQLOG_ERROR("MOUNT POINT IS NOT PRESENT ANYMORE %s: %d", mountPoint.c_str(),
-                                errno);
-                    out->operation.deviceGone = true;
+                if (MountPointCheck::lost(in->operation)) {
+                    markGone(out->operation);
                     break;
                 }
                 ZQLOG_INFO("insert empty: %s", path.c_str());

@@ -155,6 +155,10 @@ boost::shared_ptr<Block<void>> SongSaver::doOperation(boost::shared_ptr<Block<Me
 
     boost::shared_ptr<Block<void>> out(new Block<void>());
     out->operation = op;
+    // Kept until the next operation opens the connection: the last block
+    // tells of a failure in any block.
+    if (storageFailed())
+        out->operation.writeFailed = true;
     return out;
 }
 

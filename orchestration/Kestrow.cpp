@@ -1,5 +1,6 @@
 #include "orchestration/Kestrow.h"
 
+#include <algorithm>
 #include <exception>
 #include <vector>
 
@@ -122,7 +123,9 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
         pipeline->enqueueNewOperation(operation, isFirstPartition);
     } catch (const std::exception& e) {
         ZQLOG_WARN("Error  %s", e.what());
-        DatabaseMgr::instance().deleteDb(deviceId);
+        // Only a file that is not a database goes: one that could not be
+        // written (a full or read-only disk) keeps what it holds.
+        DatabaseMgr::instance().deleteInvalidDb(deviceId);
         boost::shared_ptr<Block<void>> retire(new Block<void>());
         retire->operation = Operation(operation.id, unsigned(handle), deviceId, mountPoint, true);
         enqueue(retire);
@@ -167,10 +170,22 @@ void Kestrow::prioritizeOperation(OperationType type, const std::string& deviceI
     ZQLOG_INFO("Kestrow::prioritizeOperation %s %s %d", deviceId.c_str(), mountPoint.c_str(),
                int(type));
     KestrowOperation key(unsigned(handle), deviceId, mountPoint, -1);
+    auto matches = [&key](const KestrowOperation& k) {
+        return k.handle == key.handle && k.deviceId == key.deviceId &&
+               k.mountPoint == key.mountPoint && (key.id == -1 || k.id == key.id);
+    };
+    // A device with no request holds nothing, rather than pausing every
+    // pipeline with none to run: the scheduler would stay idle for good.
+    if (std::none_of(operations.begin(), operations.end(),
+                     [&](const auto& entry) { return entry.second && matches(entry.first); })) {
+        ZQLOG_INFO("Kestrow::prioritizeOperation no request of %s %s: nothing held",
+                   deviceId.c_str(), mountPoint.c_str());
+        pthread_mutex_unlock(&mutex);
+        return;
+    }
     for (auto& entry : operations) {
         const KestrowOperation& k = entry.first;
-        bool match = k.handle == key.handle && k.deviceId == key.deviceId &&
-                     k.mountPoint == key.mountPoint && (key.id == -1 || k.id == key.id);
+        const bool match = matches(k);
         if (!entry.second)
             continue;
         if (match) {

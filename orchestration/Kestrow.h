@@ -17,8 +17,9 @@ class SongDirectoryPipeline;
 
 // The scheduler: registers indexing requests, runs one pipeline at a time in
 // map order, retires a pipeline when its completion block arrives, and lets
-// the host move a device to the front. When a new request replaces the
-// running one, the first request of the map runs next.
+// the host move a device to the front (a device with no request moves
+// nothing). When a new request replaces the running one, the first request
+// of the map runs next.
 //
 // `mutex` guards `operations` and `operationCounter`; it is taken before any
 // pipeline or stage lock, and stage threads never wait for it.

@@ -7,6 +7,7 @@
 #include "db/DatabaseOpen.h"
 #include "facade/KestrowQTProxy.h"
 #include "msd/Directory.h"
+#include "msd/MountPointCheck.h"
 #include "orchestration/Kestrow.h"
 #include "platform/common/DatabaseMgr.h"
 #include "sql/SqlStream.h"
@@ -15,7 +16,7 @@ namespace kestrow {
 
 SongDirectoryPipeline::SongDirectoryPipeline(const char* name_, Kestrow* owner_,
                                              OperationType type_)
-    : Pipeline<Block<void>, Block<void>>(name_), owner(owner_), type(type_) {
+    : Pipeline<Block<void>, Block<void>>(name_), owner(owner_), type(type_), writeFailed(false) {
     next = owner_;
 }
 
@@ -38,29 +39,14 @@ void SongDirectoryPipeline::enqueueOperation(KestrowOperation& operation) {
     boost::shared_ptr<Block<Directory*>> root(new Block<Directory*>());
     root->operation =
         Operation(operation.id, operation.handle, operation.deviceId, operation.mountPoint, true);
+    // The device is the file system at the mount point now: one that is gone
+    // by the time the request runs is not read as an empty device.
+    MountPointCheck::record(root->operation);
     root->items.push_back(new Directory(operation.mountPoint, operation.mountPoint, -1));
     crawler()->enqueue(root);
 }
 
-boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
-    boost::shared_ptr<Block<void>> block) {
-    const Operation& op = block->operation;
-    if (!op.lastBlock) {
-        ZQLOG_ERROR("Received a non LAST block! WE SHOULD NEVER BE HERE");
-        return boost::shared_ptr<Block<void>>();
-    }
-    if (op.id != currentOperation.id) {
-        ZQLOG_ERROR("OPERATION MISMATCH!!");
-        return boost::shared_ptr<Block<void>>();
-    }
-    ++currentOperation.resultCount;
-    // A folder that could not be read leaves the database incomplete too.
-    currentOperation.incomplete =
-        currentOperation.incomplete || op.deviceGone || !op.unreadable.empty();
-    ZQLOG_INFO("Result for id %d: %d", op.id, currentOperation.resultCount);
-    if (currentOperation.resultCount != kTerminalStages)
-        return boost::shared_ptr<Block<void>>();
-
+void SongDirectoryPipeline::clearPlaylists() {
     ZQLOG_INFO("Clear Playlists");
     try {
         sqlstl::basic_sqlostream<char> stream;
@@ -79,6 +65,36 @@ boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
     } catch (const std::exception& e) {
         ZQLOG_ERROR("exec failed: %d %s", SQLITE_CANTOPEN, e.what());
     }
+}
+
+boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
+    boost::shared_ptr<Block<void>> block) {
+    const Operation& op = block->operation;
+    if (!op.lastBlock) {
+        ZQLOG_ERROR("Received a non LAST block! WE SHOULD NEVER BE HERE");
+        return boost::shared_ptr<Block<void>>();
+    }
+    if (op.id != currentOperation.id) {
+        ZQLOG_ERROR("OPERATION MISMATCH!!");
+        return boost::shared_ptr<Block<void>>();
+    }
+    ++currentOperation.resultCount;
+    // A folder that could not be read, or rows that could not be written,
+    // leave the database incomplete too.
+    currentOperation.incomplete =
+        currentOperation.incomplete || op.deviceGone || !op.unreadable.empty() || op.writeFailed;
+    writeFailed = writeFailed || op.writeFailed;
+    ZQLOG_INFO("Result for id %d: %d", op.id, currentOperation.resultCount);
+    if (currentOperation.resultCount != kTerminalStages)
+        return boost::shared_ptr<Block<void>>();
+
+    // Entries whose song is not in the database yet are kept while the
+    // operation is incomplete: the playlist looks unchanged next time, and
+    // only the songs are read again.
+    if (currentOperation.incomplete)
+        ZQLOG_INFO("Playlists kept: the operation is incomplete (op: %d)", op.id);
+    else
+        clearPlaylists();
 
     long elapsed = currentOperation.timer.stop();
     ZQLOG_INFO("End operation for id %d that took %ld", op.id, elapsed);
@@ -86,9 +102,17 @@ boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
     DatabaseMgr& mgr = DatabaseMgr::instance();
     const std::string& deviceId = currentOperation.deviceId;
     const std::string& mountPoint = currentOperation.mountPoint;
-    mgr.insertStatus(deviceId, mountPoint, currentOperation.incomplete ? "PROGRESS" : "OK");
-    mgr.removeDanglingPartitions(deviceId, mountPoint);
-    emit KestrowQTProxy::instance().indexingFinished(QString::fromUtf8(mountPoint.c_str()));
+    if (!writeFailed &&
+        mgr.insertStatus(deviceId, mountPoint, currentOperation.incomplete ? "PROGRESS" : "OK")) {
+        mgr.removeDanglingPartitions(deviceId, mountPoint);
+        emit KestrowQTProxy::instance().indexingFinished(QString::fromUtf8(mountPoint.c_str()));
+    } else {
+        // No indexingFinished, which would say that every row is committed:
+        // the host learns of the failure by the request ending without it.
+        ZQLOG_ERROR("indexing of %s not finished: its database could not be written",
+                    mountPoint.c_str());
+        mgr.insertStatus(deviceId, mountPoint, "PROGRESS");
+    }
     mgr.sync(deviceId);
     mgr.checkAndDelete(deviceId, 89128960);
 

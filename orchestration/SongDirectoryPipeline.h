@@ -12,7 +12,9 @@ class Kestrow;
 
 // One indexing request of the scheduler: prepares the device's database,
 // seeds the crawler with the request's root, waits for the completion
-// blocks of its three chains and then finishes the operation.
+// blocks of its three chains and then finishes the operation. An operation
+// whose rows could not all be written (a full or read-only disk) ends
+// without indexingFinished, its status left "PROGRESS" where it can be.
 // enqueueNewOperation runs on the caller's thread under the scheduler's lock;
 // doOperation runs on the pipeline's own thread and never takes that lock.
 class SongDirectoryPipeline : public Pipeline<Block<void>, Block<void>> {
@@ -32,9 +34,13 @@ public:
     const KestrowOperation& getCurrentOperation() const { return currentOperation; }
 
 protected:
+    // Deletes the playlist entries whose song is not in the database.
+    void clearPlaylists();
+
     KestrowOperation currentOperation;
     Kestrow* owner;
     OperationType type;
+    bool writeFailed;  // a chain could not write its rows; pipeline's thread only
 };
 
 }  // namespace kestrow

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "msd/MountPointCheck.h"
 #include "platform/log/ZQLog.h"
 #include "playlist/ParserLogScope.h"
 #include "playlist/PlaylistText.h"
@@ -203,6 +204,10 @@ boost::shared_ptr<Block<Playlist*>> MSDPlaylistMiner::doOperation(
     for (FileInfo* file : input->items) {
         if (!file || !file->path)
             continue;
+        if (MountPointCheck::lost(input->operation)) {
+            output->operation.deviceGone = true;
+            break;
+        }
         // Appended first, so that a file that yields nothing is passed on too.
         Playlist* playlist =
             new Playlist(*file->path, input->operation.mountPoint, file->lastModified);
@@ -210,6 +215,14 @@ boost::shared_ptr<Block<Playlist*>> MSDPlaylistMiner::doOperation(
         wrapper.playlist = playlist;
         // The parse has finished when this returns: there is nothing to wait for.
         extractPlaylist(&wrapper, input->operation.mountPoint);
+        // What was read while the device went away is not the playlist: left
+        // out, it has no row, and is read again at the next indexing.
+        if (MountPointCheck::lost(input->operation)) {
+            delete output->items.back();
+            output->items.pop_back();
+            output->operation.deviceGone = true;
+            break;
+        }
     }
 
     ZQLOG_INFO("MSDPlaylistMiner done (op: %d)", input->operation.id);

@@ -59,6 +59,8 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
 
     boost::shared_ptr<Block<void>> output(new Block<void>());
     output->operation = input->operation;
+    if (storageFailed())
+        output->operation.writeFailed = true;
     return output;
 }
 

@@ -24,7 +24,7 @@ public:
     // Carries no text; it makes the object a complete stream.
     class sqlstreambuf : public std::basic_streambuf<CharT, Traits> {};
 
-    basic_sqlstream() : db(nullptr), index(0), stmt(nullptr) { this->init(&buf); }
+    basic_sqlstream() : db(nullptr), index(0), stmt(nullptr), storageError(0) { this->init(&buf); }
     basic_sqlstream(const basic_sqlstream&) = delete;
     basic_sqlstream& operator=(const basic_sqlstream&) = delete;
 
@@ -54,8 +54,10 @@ public:
     bool exec(const char* sql) {
         char* error = nullptr;
         int rc = sqlite3_exec(db, sql, nullptr, nullptr, &error);
-        if (rc != SQLITE_OK)
+        if (rc != SQLITE_OK) {
             ZQLOG_ERROR("exec failed: %d %s", rc, error ? error : sqlite3_errmsg(db));
+            noteFailure(rc);
+        }
         sqlite3_free(error);
         return rc == SQLITE_OK;
     }
@@ -70,8 +72,33 @@ public:
     sqlite3* db;
     int index;  // writing: next parameter (from 1); reading: next column (from 0)
     sqlite3_stmt* stmt;
+    // The first failure since the connection was opened that left the file
+    // unwritten or unread (full, read-only, I/O error, damaged); 0 for none.
+    // Kept across statements, so a stage can tell whether its work is stored.
+    int storageError;
+
+    // Whether `rc` says the storage failed, rather than the statement.
+    static bool isStorageFailure(int rc) {
+        switch (rc & 0xff) {
+            case SQLITE_PERM:
+            case SQLITE_READONLY:
+            case SQLITE_IOERR:
+            case SQLITE_CORRUPT:
+            case SQLITE_FULL:
+            case SQLITE_CANTOPEN:
+            case SQLITE_NOTADB:
+                return true;
+            default:
+                return false;
+        }
+    }
 
 protected:
+    void noteFailure(int rc) {
+        if (!storageError && isStorageFailure(rc))
+            storageError = rc;
+    }
+
     // Replaces the statement; clears every flag first.
     bool prepare(const char* sql) {
         this->clear();
@@ -79,6 +106,7 @@ protected:
         int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
         if (rc != SQLITE_OK) {
             ZQLOG_ERROR("exec failed: %d %s", rc, sqlite3_errmsg(db));
+            noteFailure(rc);
             finalize();
             this->setstate(std::ios_base::badbit);
             return false;
@@ -89,6 +117,7 @@ protected:
     // Records a failed step: logs, sets badbit and discards the statement.
     void failStatement(int rc) {
         ZQLOG_ERROR("exec failed: %d %s", rc, sqlite3_errmsg(db));
+        noteFailure(rc);
         this->setstate(std::ios_base::badbit);
         finalize();
     }

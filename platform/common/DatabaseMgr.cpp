@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -110,6 +111,16 @@ bool fsyncPath(const std::string& path, int flags) {
     return ok;
 }
 
+// SQLite's message for the last failure on `db`, with the system's reason
+// when a system call failed ("disk I/O error (No space left on device)").
+std::string describe(sqlite3* db, const char* message = nullptr) {
+    std::string text = message ? message : db ? sqlite3_errmsg(db) : "out of memory";
+    const int error = db ? sqlite3_system_errno(db) : 0;
+    if (error)
+        text += std::string(" (") + std::strerror(error) + ")";
+    return text;
+}
+
 // A short-lived connection for one operation of the manager. Failures are
 // logged; ok() tells whether the connection is usable.
 class Connection {
@@ -118,7 +129,7 @@ public:
         int flags = SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0);
         int rc = sqlite3_open_v2(file.c_str(), &db_, flags, nullptr);
         if (rc != SQLITE_OK) {
-            ZQLOG_ERROR("cannot open %s: %d %s", file.c_str(), rc, db_ ? sqlite3_errmsg(db_) : "");
+            ZQLOG_ERROR("cannot open %s: %d %s", file.c_str(), rc, describe(db_).c_str());
             sqlite3_close(db_);
             db_ = nullptr;
             return;
@@ -139,8 +150,7 @@ public:
         char* err = nullptr;
         int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &err);
         if (rc != SQLITE_OK) {
-            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc,
-                        err ? err : sqlite3_errmsg(db_));
+            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, describe(db_, err).c_str());
             sqlite3_free(err);
             return false;
         }
@@ -154,7 +164,7 @@ public:
         sqlite3_stmt* stmt = nullptr;
         int rc = sqlite3_prepare_v2(db_, sql, -1, &stmt, nullptr);
         if (rc != SQLITE_OK) {
-            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, sqlite3_errmsg(db_));
+            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, describe(db_).c_str());
             return false;
         }
         int index = 1;
@@ -169,7 +179,7 @@ public:
             }
         }
         if (rc != SQLITE_DONE)
-            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, sqlite3_errmsg(db_));
+            ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, describe(db_).c_str());
         sqlite3_finalize(stmt);
         return rc == SQLITE_DONE;
     }
@@ -178,6 +188,126 @@ private:
     std::string file_;
     sqlite3* db_ = nullptr;
 };
+
+// Every column of the index tables, by table: a database whose tables lack
+// one was made by something else.
+const char* const kColumns[][2] = {
+    {"DIRECTORIES", "PARTITION_ID PATH NAME OBJECTID PARENT_ID"},
+    {"SONGS",
+     "ID PARTITION_ID PATH OBJECTID DIRECTORYID NAME TITLE ARTISTID ALBUMID GENREID COMPOSERID "
+     "AUDIOTYPE BOOKMARK LASTMODIFIED TRACKIND DISCNUM ASIANTITLE"},
+    {"ARTISTS", "ARTISTID ARTIST ASIANARTIST"},
+    {"ALBUMS", "ALBUMID ALBUM ASIANALBUM"},
+    {"GENRES", "GENREID GENRE ASIANGENRE"},
+    {"COMPOSERS", "COMPOSERID COMPOSER ASIANCOMPOSER"},
+    {"PLAYLISTS",
+     "ID PARTITION_ID PLAYPATH PLAYID PLAYNAME TRACKPATH TRACKID AUDIOTYPE LASTMODIFIED"},
+    {"OLVANE_STATUS", "MOUNTPOINT STATUS INDEXED_AT"},
+    {"OLVANE_PARTITIONS", "MOUNTPOINT BASE SEEN"},
+};
+
+enum class Verdict { VALID, INVALID, UNKNOWN };
+
+bool damaged(int rc) {
+    return (rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB;
+}
+
+// The file's header says it is a database of SQLite, whole: the magic text,
+// and (when the header's page count is current) all its pages present.
+Verdict inspectHeader(const std::string& name, std::string& why) {
+    int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0 || ::fstat(fd, &st) != 0) {
+        why = std::strerror(errno);
+        if (fd >= 0)
+            ::close(fd);
+        return Verdict::UNKNOWN;
+    }
+    unsigned char h[100];
+    const ssize_t n = ::pread(fd, h, sizeof h, 0);
+    ::close(fd);
+    if (st.st_size == 0)
+        return Verdict::VALID;  // SQLite makes a database of an empty file
+    if (n != ssize_t(sizeof h) || std::memcmp(h, "SQLite format 3", 16) != 0) {
+        why = "not an SQLite file";
+        return Verdict::INVALID;
+    }
+    auto be32 = [&h](int at) {
+        return (unsigned long long)h[at] << 24 | h[at + 1] << 16 | h[at + 2] << 8 | h[at + 3];
+    };
+    const unsigned long long pageSize = h[16] == 0 && h[17] == 1 ? 65536 : h[16] << 8 | h[17];
+    if (be32(24) == be32(92) && be32(28) * pageSize > (unsigned long long)st.st_size) {
+        why = "truncated: " + std::to_string(be32(28)) + " pages of " + std::to_string(pageSize) +
+              " bytes in " + std::to_string(st.st_size) + " bytes";
+        return Verdict::INVALID;
+    }
+    return Verdict::VALID;
+}
+
+// Whether the file at `name` is an index database. INVALID only on a
+// positive finding: not SQLite, damaged, or tables without the index's
+// columns. SQLite's check of the whole file (quick_check) runs when
+// `thorough`, or when the file holds no complete indexing (a status other
+// than "OK", or none): a database whose last indexing ended well is not read
+// through at every request. A file that cannot be read is UNKNOWN. `why`
+// tells what was found.
+Verdict inspect(const std::string& name, bool thorough, std::string& why) {
+    const Verdict header = inspectHeader(name, why);
+    if (header != Verdict::VALID)
+        return header;
+    sqlite3* db = nullptr;
+    int rc = sqlite3_open_v2(name.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+    if (rc == SQLITE_OK)
+        sqlite3_busy_timeout(db, kShortTimeoutMs);
+    // Column `column` of each row of `sql`; false, with `rc` set, on failure.
+    auto rows = [&](const std::string& sql, int column) {
+        std::vector<std::string> out;
+        sqlite3_stmt* stmt = nullptr;
+        rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
+        if (rc == SQLITE_OK) {
+            while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+                const unsigned char* t = sqlite3_column_text(stmt, column);
+                out.push_back(t ? reinterpret_cast<const char*>(t) : "");
+            }
+        }
+        sqlite3_finalize(stmt);
+        rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
+        return out;
+    };
+    Verdict v = Verdict::VALID;
+    for (const auto& table : kColumns) {
+        const std::vector<std::string> present =
+            rows(std::string("PRAGMA table_info(") + table[0] + ");", 1);
+        std::istringstream wanted(table[1]);
+        for (std::string column; rc == SQLITE_OK && !present.empty() && wanted >> column;) {
+            if (std::find(present.begin(), present.end(), column) == present.end()) {
+                why = std::string("table ") + table[0] + " has no column " + column;
+                v = Verdict::INVALID;
+            }
+        }
+        if (rc != SQLITE_OK || v != Verdict::VALID)
+            break;
+    }
+    if (rc == SQLITE_OK && v == Verdict::VALID && !thorough) {
+        const std::vector<std::string> statuses = rows("SELECT STATUS FROM OLVANE_STATUS;", 0);
+        thorough = rc != SQLITE_OK || statuses.empty() ||
+                   std::count(statuses.begin(), statuses.end(), "OK") != long(statuses.size());
+        rc = damaged(rc) ? rc : SQLITE_OK;
+    }
+    if (rc == SQLITE_OK && v == Verdict::VALID && thorough) {
+        const std::vector<std::string> check = rows("PRAGMA quick_check(1);", 0);
+        if (rc == SQLITE_OK && (check.empty() || check[0] != "ok")) {
+            why = check.empty() ? "its check gave no answer" : check[0];
+            v = Verdict::INVALID;
+        }
+    }
+    if (rc != SQLITE_OK) {
+        why = describe(db);
+        v = damaged(rc) ? Verdict::INVALID : Verdict::UNKNOWN;
+    }
+    sqlite3_close(db);
+    return v;
+}
 
 // Deletes the rows of one dangling partition (its id ?1, its base ?2) from a
 // table whose path column is `column`, sparing rows below any partition seen
@@ -273,7 +403,8 @@ void DatabaseMgr::createDirectory() {
     for (size_t pos = 1; pos <= dir.size(); ++pos) {
         if (pos == dir.size() || dir[pos] == '/') {
             std::string part = dir.substr(0, pos);
-            if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
+            // Private to the owner: the databases list what is on the devices.
+            if (::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
                 ZQLOG_WARN("cannot create %s: %s", part.c_str(), std::strerror(errno));
                 return;
             }
@@ -285,28 +416,55 @@ void DatabaseMgr::createDb(const std::string& devId, const std::string& mountPoi
                            bool isFirstPartition) {
     createDirectory();
     const std::string name = getDbNameFromDevId(devId);
-    Connection c(name, true, kBusyTimeoutMs);
-    if (!c.ok())
-        throw std::runtime_error("cannot open db");
-    std::vector<std::string> mode;
-    if (!c.run("PRAGMA journal_mode=WAL;", {}, &mode))
-        throw std::runtime_error("cannot create db " + name);
-    if (mode.empty() || mode[0] != "wal")
-        ZQLOG_WARN("%s stays in journal mode %s", name.c_str(),
-                   mode.empty() ? "?" : mode[0].c_str());
-
-    // IMMEDIATE: two creators of one file queue on the busy time-out instead
-    // of failing on a lock upgrade.
-    bool ok = c.exec("BEGIN IMMEDIATE;") && c.exec(kSchema);
-    if (ok && isFirstPartition)
-        ok = c.exec("UPDATE OLVANE_PARTITIONS SET SEEN = 0;");
-    if (ok)
-        ok = c.run("REPLACE INTO OLVANE_PARTITIONS (MOUNTPOINT, BASE, SEEN) VALUES (?, ?, 1);",
-                   {mountPoint, baseOf(mountPoint)});
-    if (ok)
-        ok = c.exec("COMMIT;");
-    if (!ok) {
+    // Said plainly before SQLite tries: for a read-only folder it names the
+    // shared-memory file it could not make.
+    for (const std::string& path : {databaseDirectory(), name}) {
+        if (::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 && errno != ENOENT) {
+            ZQLOG_ERROR("cannot write %s: %s", path.c_str(), std::strerror(errno));
+            throw std::runtime_error("cannot write " + path);
+        }
+    }
+    std::string why;
+    if (fileExists(name) && inspect(name, false, why) == Verdict::INVALID) {
+        ZQLOG_WARN("%s is not an index database (%s): rebuilt", name.c_str(), why.c_str());
+        removeFiles(name);
+    }
+    // Readable by its owner only. Made before SQLite opens it, as SQLite
+    // gives the WAL and shared-memory files the database file's mode.
+    int fd = ::open(name.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        ::fchmod(fd, 0600);
+        ::close(fd);
+    }
+    for (int attempt = 0;; ++attempt) {
+        Connection c(name, true, kBusyTimeoutMs);
+        if (!c.ok())
+            throw std::runtime_error("cannot open db");
+        std::vector<std::string> mode;
+        bool ok = c.run("PRAGMA journal_mode=WAL;", {}, &mode);
+        if (ok && (mode.empty() || mode[0] != "wal"))
+            ZQLOG_WARN("%s stays in journal mode %s", name.c_str(),
+                       mode.empty() ? "?" : mode[0].c_str());
+        // IMMEDIATE: two creators of one file queue on the busy time-out
+        // instead of failing on a lock upgrade.
+        ok = ok && c.exec("BEGIN IMMEDIATE;") && c.exec(kSchema);
+        if (ok && isFirstPartition)
+            ok = c.exec("UPDATE OLVANE_PARTITIONS SET SEEN = 0;");
+        if (ok)
+            ok = c.run("REPLACE INTO OLVANE_PARTITIONS (MOUNTPOINT, BASE, SEEN) VALUES (?, ?, 1);",
+                       {mountPoint, baseOf(mountPoint)});
+        if (ok)
+            ok = c.exec("COMMIT;");
+        if (ok)
+            break;
+        const int rc = sqlite3_extended_errcode(c.get());
         sqlite3_exec(c.get(), "ROLLBACK;", nullptr, nullptr, nullptr);
+        // Damage that the quick look at the file did not see.
+        if (attempt == 0 && damaged(rc) && inspect(name, true, why) == Verdict::INVALID) {
+            ZQLOG_WARN("%s is not an index database (%s): rebuilt", name.c_str(), why.c_str());
+            removeFiles(name);
+            continue;
+        }
         throw std::runtime_error("cannot create db " + name);
     }
     ZQLOG_INFO("database %s ready for %s (first partition: %d)", name.c_str(), mountPoint.c_str(),
@@ -343,15 +501,18 @@ void DatabaseMgr::removeDanglingPartitions(const std::string& devId,
     }
 }
 
-void DatabaseMgr::insertStatus(const std::string& devId, const std::string& mountPoint,
+bool DatabaseMgr::insertStatus(const std::string& devId, const std::string& mountPoint,
                                const char* status) {
     Connection c(getDbNameFromDevId(devId), false, kBusyTimeoutMs);
     if (!c.ok())
-        return;
+        return false;
     const long long at = now();
     if (!c.run("REPLACE INTO OLVANE_STATUS (MOUNTPOINT, STATUS, INDEXED_AT) VALUES (?, ?, ?);",
-               {mountPoint, status ? status : ""}, nullptr, &at))
+               {mountPoint, status ? status : ""}, nullptr, &at)) {
         ZQLOG_ERROR("status %s of %s not recorded", status ? status : "", mountPoint.c_str());
+        return false;
+    }
+    return true;
 }
 
 std::string DatabaseMgr::getStatus(const std::string& devId, const std::string& mountPoint) {
@@ -437,6 +598,22 @@ void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
     }
     if (total > limit)
         ZQLOG_WARN("databases take %lld bytes after clean-up, over the limit %ld", total, limit);
+}
+
+void DatabaseMgr::deleteInvalidDb(const std::string& devId) {
+    const std::string name = getDbNameFromDevId(devId);
+    if (!fileExists(name))
+        return;
+    std::string why;
+    const Verdict v = inspect(name, true, why);
+    if (v == Verdict::INVALID) {
+        ZQLOG_WARN("deleting %s: not an index database (%s)", name.c_str(), why.c_str());
+        removeFiles(name);
+    } else if (v == Verdict::VALID) {
+        ZQLOG_INFO("%s kept: a valid index database", name.c_str());
+    } else {
+        ZQLOG_INFO("%s kept: it cannot be checked (%s)", name.c_str(), why.c_str());
+    }
 }
 
 void DatabaseMgr::deleteDb(const std::string& devId) {

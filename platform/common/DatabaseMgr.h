@@ -38,7 +38,11 @@ public:
     void createDirectory();
 
     // Creates the database and its schema when missing (idempotent), in WAL
-    // mode, in one transaction, and records the partition: isFirstPartition
+    // mode, in one transaction, and records the partition. A file that is not
+    // an index database (not SQLite, damaged, other tables) is deleted and
+    // made anew, with a warning; SQLite's check of the whole file runs only
+    // when the last indexing of some partition did not end "OK". The
+    // directory is made 0700, the file 0600. isFirstPartition
     // starts a new attach of the device (the partitions seen so far are
     // forgotten); every call marks `mountPoint` as seen in the current attach.
     // Throws std::runtime_error when the database cannot be opened or made.
@@ -50,9 +54,9 @@ public:
     // below a partition seen in the current attach. `mountPoint` is kept.
     void removeDanglingPartitions(const std::string& devId, const std::string& mountPoint);
 
-    // Records `status` for the mount point with the current time. Does not
-    // create a database that does not exist.
-    void insertStatus(const std::string& devId, const std::string& mountPoint, const char* status);
+    // Records `status` for the mount point with the current time; false when
+    // it could not be written. Does not create a database that does not exist.
+    bool insertStatus(const std::string& devId, const std::string& mountPoint, const char* status);
     // "" when no status is recorded or the database cannot be read.
     std::string getStatus(const std::string& devId, const std::string& mountPoint);
     // Every (mount point, status) recorded for the device, by mount point.
@@ -75,6 +79,10 @@ public:
     void releaseDevice(const std::string& devId);
     // Removes the file with its -wal and -shm files.
     void deleteDb(const std::string& devId);
+    // Removes them only when the file is not an index database (SQLite's
+    // check of the whole file fails, or it is not SQLite); a valid one, or
+    // one that cannot be read, is kept and the reason logged.
+    void deleteInvalidDb(const std::string& devId);
     // Checkpoints the WAL (TRUNCATE) and fsyncs the file, its WAL and its
     // directory. A missing database is only logged.
     void sync(const std::string& devId);

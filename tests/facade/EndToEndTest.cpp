@@ -4,11 +4,15 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <QElapsedTimer>
+#include <atomic>
 #include <boost/weak_ptr.hpp>
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "facade/KestrowQTProxy.h"
@@ -20,6 +24,7 @@
 #include "platform/common/Md5.h"
 #include "platform/log/LogCapture.h"
 #include "tests/support/SignalLog.h"
+#include "tests/support/Sql.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Wait.h"
 
@@ -358,3 +363,69 @@ TEST_F(EndToEndTest, PrioritisingAnotherDeviceHoldsTheIndexingInHand) {
 }
 
 }  // namespace
+
+// Two threads send 200 requests and prioritisations for five devices while
+// they are indexed: nothing hangs, all ends in bounded time, every request
+// ends in indexingFinished or is replaced, and each database holds what a
+// clean index of its device holds.
+TEST_F(EndToEndTest, ARequestStormEndsWithEveryDeviceIndexedCleanly) {
+    std::vector<std::string> mounts;
+    for (int d = 0; d < 5; ++d) {
+        const std::string dev = "storm" + std::to_string(d);
+        for (int s = 0; s < 30; ++s)
+            tree.copySample("gears-iron-road.mp3",
+                            dev + "/f" + std::to_string(s / 10) + "/" + std::to_string(s) + ".mp3");
+        tree.write(dev + "/list.m3u", "f0/0.mp3\nf2/29.mp3\n");
+        mounts.push_back(tree.file(dev));
+    }
+    olvane::LogCapture cap;
+    olvane::test::SignalLog sigs;
+    KestrowQTProxy& proxy = KestrowQTProxy::instance();
+    std::atomic<int> requests[5] = {}, senders{2};
+    auto send = [&](unsigned seed) {
+        std::mt19937 random(seed);
+        for (int i = 0; i < 100; ++i) {
+            const int d = int(random() % 5);
+            const QString id = QString("storm%1").arg(d), mp = QString::fromStdString(mounts[d]);
+            if (random() % 2) {
+                ++requests[d];
+                proxy.startIndexing(id, mp, true);
+            } else {
+                proxy.prioritizeMsdDevice(id, mp);
+            }
+        }
+        --senders;
+    };
+    QElapsedTimer clock;
+    clock.start();
+    const unsigned seeds[] = {std::random_device()(), std::random_device()()};
+    SCOPED_TRACE("seeds " + std::to_string(seeds[0]) + " " + std::to_string(seeds[1]));
+    std::thread first(send, seeds[0]), second(send, seeds[1]);
+    const bool ended =
+        waitFor([&] { return senders == 0 && scheduler.registeredCount() == 0; }, 120000);
+    first.join();
+    second.join();
+    ASSERT_TRUE(ended) << "still registered: " << scheduler.registeredCount();
+    RecordProperty("stormMs", int(clock.elapsed()));
+
+    QCoreApplication::sendPostedEvents();  // the signals queued to this thread
+    TempDir cleanDb;
+    for (int d = 0; d < 5; ++d) {
+        SCOPED_TRACE(mounts[d]);
+        const QString id = QString("storm%1").arg(d), mp = QString::fromStdString(mounts[d]);
+        EXPECT_GE(sigs.entries.count("indexingFinished " + mp) +
+                      cap.countContaining("Stopping " + id.toStdString() + " type 0 handle 0 mp " +
+                                          mounts[d] + " pipe "),
+                  requests[d].load());
+        DatabaseMgr::instance().setDatabaseDirectory(dbDir.path());
+        const auto stormed = olvane::test::indexDump(id.toStdString());
+        EXPECT_EQ("OK", DatabaseMgr::instance().getStatus(id.toStdString(), mounts[d]));
+        DatabaseMgr::instance().setDatabaseDirectory(cleanDb.path());
+        olvane::test::SignalLog one;
+        proxy.startIndexing(id, mp, true);
+        ASSERT_TRUE(waitFor([&] { return one.entries.contains("indexingFinished " + mp); }));
+        ASSERT_TRUE(waitFor([&] { return scheduler.registeredCount() == 0; }));
+        EXPECT_EQ("",
+                  olvane::test::dumpDifference(olvane::test::indexDump(id.toStdString()), stormed));
+    }
+}

@@ -59,9 +59,9 @@ TEST_F(ProxySlotsTest, QueuedCallsByNameReachTheScheduler) {
     EXPECT_EQ(std::to_string(mtp.handle) + " " + mtp.deviceId + " " + mtp.mountPoint,
               "7 1234 mtp-folder://1234");
 
-    // Another handle matches nothing: every pipeline is paused.
+    // Another handle matches nothing: nothing is held.
     proxy.prioritizeMtpDevice("1234", 8);
-    EXPECT_EQ(created[0]->runState(), 2);
+    EXPECT_EQ(created[0]->runState(), 0);
     EXPECT_EQ(created[1]->runState(), 2);
     proxy.prioritizeMtpDevice("1234", 7);
     EXPECT_EQ(created[0]->runState(), 2);

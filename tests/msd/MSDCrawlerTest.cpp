@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "tests/msd/MsdTestSupport.h"
@@ -70,13 +71,14 @@ TEST_F(MSDCrawlerTest, StopsAtSixteenThousandSongs) {
 }
 
 TEST_F(MSDCrawlerTest, VanishedMountPointMarksAllThreeBlocks) {
-    t.write("found/s.mp3", "");
-    // The first directory is read; then the mount point is found gone.
-    const std::string gone = t.file("gone");
-    DirectoryBlock root = rootBlock(gone);
-    root->items.insert(root->items.begin(), new kestrow::Directory(t.file("found"), gone, -1));
-    CrawlResult r = crawl(root);
-    EXPECT_EQ(1, cap.count("MOUNT POINT IS NOT PRESENT ANYMORE " + gone + ": 2"));
+    t.write("usb/s.mp3", "");
+    t.write("usb/sub/t.mp3", "");
+    // The mount point's folder is read; then the device goes.
+    CrawlResult r = crawl(rootBlock(usb), [&](const std::string& dir) {
+        if (dir != usb)
+            std::filesystem::rename(usb, t.file("away"));
+    });
+    EXPECT_EQ(1, cap.count("MOUNT POINT IS NOT PRESENT ANYMORE " + usb + ": 2"));
     EXPECT_EQ(1u, r.songs->items.size());
     EXPECT_TRUE(r.songs->operation.deviceGone && r.playlists->operation.deviceGone &&
                 r.directories->operation.deviceGone);

@@ -7,6 +7,7 @@
 
 #include <QSignalSpy>
 
+#include <functional>
 #include <set>
 
 #include "facade/KestrowQTProxy.h"
@@ -52,8 +53,11 @@ struct CrawlResult {
     DirectoryBlock directories;
 };
 
-inline CrawlResult crawl(DirectoryBlock root) {
+// `hook` runs before each directory is read.
+inline CrawlResult crawl(DirectoryBlock root,
+                         std::function<void(const std::string&)> hook = nullptr) {
     kestrow::MSDCrawler crawler("MSDCrawler");
+    crawler.setDirectoryHook(hook);
     StageCollector<kestrow::Block<kestrow::FileInfo*>> playlists;
     StageCollector<kestrow::Block<kestrow::Directory*>> directories;
     crawler.setPlaylistSink(&playlists);

@@ -105,10 +105,11 @@ TEST_F(KestrowTest, PrioritizingPausesEveryOtherPipelineAndStartsTheMatch) {
     EXPECT_EQ(created[1]->runState(), 0);
     ASSERT_TRUE(waitFor([&] { return running(1); }));
 
-    // The handle is part of the match: nothing matches, everything pauses.
+    // The handle is part of the match. A device with no request (say, one
+    // that has just finished) holds nothing: devB runs on.
     k->prioritizeOperation(MSD_OPERATION, "devB", 3, "/media/b");
     EXPECT_EQ(created[0]->runState(), 2);
-    EXPECT_EQ(created[1]->runState(), 2);
+    EXPECT_EQ(created[1]->runState(), 0);
 
     // When the prioritised request ends, the first in the map resumes.
     k->prioritizeOperation(MSD_OPERATION, "devB", 0, "/media/b");
@@ -118,17 +119,23 @@ TEST_F(KestrowTest, PrioritizingPausesEveryOtherPipelineAndStartsTheMatch) {
     ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1; }));
 }
 
-TEST_F(KestrowTest, AFailedSetUpDeletesTheDatabaseAndRetiresThePipeline) {
+// A set-up that fails (say, on a full or read-only disk) deletes the
+// device's database only when the file is not a database.
+TEST_F(KestrowTest, AFailedSetUpDeletesOnlyAnInvalidDatabaseAndRetiresThePipeline) {
     LogCapture cap;
     DatabaseMgr::instance().createDb("devA", "/media/a", true);
-    const std::string db = DatabaseMgr::instance().getDbNameFromDevId("devA");
-    ASSERT_EQ(access(db.c_str(), F_OK), 0);
-
-    throwNext = true;
-    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
-    EXPECT_EQ(cap.count("Error  cannot set up the operation"), 1);
-    EXPECT_NE(access(db.c_str(), F_OK), 0);
-    EXPECT_TRUE(waitFor([&] { return destroyed[0] == 1 && k->registeredCount() == 0; }));
+    olvane::test::TempDir other;
+    other.write("devB.db", std::string(8192, 'x'));
+    for (const char* dev : {"devA", "devB"}) {
+        if (dev[3] == 'B')
+            DatabaseMgr::instance().setDatabaseDirectory(other.path());
+        const std::string db = DatabaseMgr::instance().getDbNameFromDevId(dev);
+        throwNext = true;
+        k->enqueueNewOperation(MSD_OPERATION, dev, 0, "/media/a", true);
+        EXPECT_EQ(access(db.c_str(), F_OK) == 0, dev[3] == 'A') << dev;
+    }
+    EXPECT_EQ(cap.count("Error  cannot set up the operation"), 2);
+    EXPECT_TRUE(waitFor([&] { return destroyed[1] == 1 && k->registeredCount() == 0; }));
 }
 
 TEST_F(KestrowTest, HousekeepingSparesTheDatabasesOfRegisteredRequests) {

@@ -4,9 +4,12 @@
 #include <sqlite3.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "platform/common/Md5.h"
+#include "platform/log/LogCapture.h"
 #include "tests/support/Sql.h"
 #include "tests/support/TempDir.h"
 
@@ -28,8 +31,7 @@ TEST_F(DatabaseMgrTest, NamesStatusCreateDbAndSync) {
     EXPECT_EQ(dir.file("usb-SanDisk_1.0.db"), mgr.getDbNameFromDevId("usb-SanDisk_1.0"));
     EXPECT_EQ(dir.file("dev-2e2e2f78.db"), mgr.getDbNameFromDevId("../x"));
     EXPECT_EQ(dir.file("dev-612f62.db"), mgr.getDbNameFromDevId("a/b"));
-    dir.write("bad.db", std::string(4096, 'x'));
-    EXPECT_THROW(mgr.createDb("bad", "/m", true), std::runtime_error);
+    EXPECT_EQ(dir.file("dev-2f6574632f706173737764.db"), mgr.getDbNameFromDevId("/etc/passwd"));
 
     mgr.setDatabaseDirectory(dir.file("new/dir"));
     mgr.insertStatus("dev", "/m", "OK");
@@ -130,4 +132,40 @@ TEST_F(DatabaseMgrTest, SizeLimitCountsTheWalAndDeleteRemovesAllThreeFiles) {
     mgr.deleteDb("big");
     for (const char* suffix : {"", "-wal", "-shm"})
         EXPECT_FALSE(fs::exists(db + suffix)) << suffix;
+}
+
+// What is not an index database is rebuilt, and said so: random bytes, a
+// truncated copy, a database of another schema. An empty file is simply
+// made one, a good one kept as it is. Directories are made 0700, files 0600.
+TEST_F(DatabaseMgrTest, CreateDbRebuildsWhatIsNotAnIndexDatabase) {
+    olvane::LogCapture cap;
+    mgr.setDatabaseDirectory(dir.file("new/dir"));
+    mgr.createDb("good", "/m", true);
+    dbColumn("good",
+             "WITH RECURSIVE N(I) AS (SELECT 1 UNION ALL SELECT I + 1 FROM N WHERE I < 200) "
+             "INSERT INTO SONGS (PATH) SELECT '/m/' || I FROM N;");
+    mgr.sync("good");
+    std::ifstream in(mgr.getDbNameFromDevId("good"), std::ios::binary);
+    const std::string good((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string noise(20000, '\0');
+    for (size_t i = 0; i < noise.size(); ++i)
+        noise[i] = char((i * 2654435761u) >> 13);
+    const std::pair<const char*, std::string> files[] = {
+        {"random", noise}, {"truncated", good.substr(0, good.size() / 2)}, {"empty", ""}};
+    for (const auto& f : files)
+        dir.write(std::string("new/dir/") + f.first + ".db", f.second);
+    dbColumn("foreign", "CREATE TABLE SONGS (X); INSERT INTO SONGS VALUES (1);");
+
+    for (const char* dev : {"random", "truncated", "empty", "foreign", "good"}) {
+        SCOPED_TRACE(dev);
+        EXPECT_NO_THROW(mgr.createDb(dev, "/m", true));
+        EXPECT_EQ(std::vector<std::string>{"ok"}, dbColumn(dev, "PRAGMA quick_check;"));
+        const size_t rows = dbColumn(dev, "SELECT PATH FROM SONGS;").size();
+        EXPECT_EQ(std::string(dev) == "good" ? 200u : 0u, rows);
+        const bool rebuilt = std::string(dev) != "good" && std::string(dev) != "empty";
+        EXPECT_EQ(rebuilt, cap.contains(mgr.getDbNameFromDevId(dev) + " is not an index database"));
+        EXPECT_EQ(0600u, unsigned(fs::status(mgr.getDbNameFromDevId(dev)).permissions()));
+    }
+    for (const char* d : {"new", "new/dir"})
+        EXPECT_EQ(0700u, unsigned(fs::status(dir.file(d)).permissions())) << d;
 }

@@ -3,15 +3,22 @@
 #include <iconv.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QStringList>
 #include <QUrl>
+#include <filesystem>
+#include <memory>
+#include <random>
 
 #include "platform/common/DatabaseMgr.h"
 #include "tests/support/SimulatedPhone.h"
@@ -298,3 +305,130 @@ TEST_F(OlvaneIndexerTest, CtrlCStopsCleanlyAndKeepsWhatWasCommitted) {
 }
 
 }  // namespace
+
+// The disk that holds the databases fills up mid-way, turns read-only, or
+// holds a database file the indexer may not write: each run ends with a
+// clear error, never as done, and keeps the database; once there is room,
+// the next run completes with the tables of a clean index.
+TEST_F(OlvaneIndexerTest, AFullOrReadOnlyDiskEndsWithAClearErrorAndKeepsTheDatabase) {
+    const std::string db = dbDir().toStdString(), dev = "stick";
+    TempDir cleanDb;
+    ASSERT_EQ(0, ::mkdir(db.c_str(), 0777));
+    if (::mount("tmpfs", db.c_str(), "tmpfs", 0, "size=4m,mode=0777") != 0)
+        GTEST_SKIP() << "a full and a read-only disk need a tmpfs, which needs root: "
+                     << std::strerror(errno);
+    std::shared_ptr<void> unmount(nullptr, [&db](void*) { ::umount2(db.c_str(), MNT_DETACH); });
+    auto remount = [&](const char* options) {
+        return ::mount("tmpfs", db.c_str(), "tmpfs", MS_REMOUNT, options);
+    };
+    auto dump = [&](const std::string& dir) {
+        DatabaseMgr::instance().setDatabaseDirectory(dir);
+        return olvane::test::indexDump(dev);
+    };
+    const QStringList args = {"--device-id", QString::fromStdString(dev), "--no-progress", mp()};
+    ASSERT_EQ(0, run(withDb(args)).exitCode);
+    for (int i = 0; i < 1000; ++i)
+        tree.copySample("gears-copper-sky.mp3", "usb/many/" + std::to_string(i) + ".mp3");
+    ASSERT_EQ(0, run(QStringList{"--db-dir", cleanDb.path().c_str()} + args).exitCode);
+    const auto clean = dump(cleanDb.path());
+    DatabaseMgr::instance().setDatabaseDirectory(db);
+
+    struct statvfs fs;
+    ASSERT_EQ(0, ::statvfs(db.c_str(), &fs));
+    const unsigned long long used = (fs.f_blocks - fs.f_bfree) * fs.f_frsize;
+    ASSERT_EQ(0, remount(("size=" + std::to_string(used + (64 << 10))).c_str()));
+    Result full = run(withDb(args));
+    EXPECT_EQ(1, full.exitCode);
+    EXPECT_TRUE(full.err.contains("database or disk is full")) << full.err.toStdString();
+    EXPECT_FALSE(full.lines.contains("indexingFinished " + mp()));
+    EXPECT_NE("OK", DatabaseMgr::instance().getStatus(dev, root));
+
+    ASSERT_EQ(0, remount("size=64m"));
+    ASSERT_EQ(0, run(withDb(args)).exitCode);
+    EXPECT_EQ("", olvane::test::dumpDifference(clean, dump(db)));
+    EXPECT_EQ("OK", DatabaseMgr::instance().getStatus(dev, root));
+
+    // Something to write: a changed song.
+    olvane::test::setMtime(tree.file("usb/many/0.mp3"), 1000000000);
+    ASSERT_EQ(0, remount("ro"));
+    Result readOnly = run(withDb(args));
+    EXPECT_EQ(1, readOnly.exitCode);
+    EXPECT_TRUE(readOnly.err.contains("Read-only file system")) << readOnly.err.toStdString();
+    ASSERT_EQ(0, remount("rw"));
+    EXPECT_EQ("", olvane::test::dumpDifference(clean, dump(db)));
+
+    // A database file that the indexer may read but not write, in a folder
+    // it may write.
+    QProcess::execute("chmod", {"-R", "a+rX", tree.path().c_str()});
+    ASSERT_EQ(0, ::chmod(DatabaseMgr::instance().getDbNameFromDevId(dev).c_str(), 0644));
+    const QStringList asNobody = {"--reuid=65534", "--regid=65534", "--clear-groups"};
+    Result other = run(asNobody + QStringList{OLVANE_INDEXER} + withDb(args), "setpriv");
+    EXPECT_EQ(1, other.exitCode);
+    EXPECT_TRUE(other.err.contains("Permission denied")) << other.err.toStdString();
+    EXPECT_EQ("", olvane::test::dumpDifference(clean, dump(db)));
+}
+
+// A power cut, as olvane-indexer killed (SIGKILL) at ten random moments of a
+// first index of 3000 songs, and of a re-index with a tenth of them touched:
+// each run goes on from where the last was cut. After each cut the database
+// passes SQLite's integrity check, and the run that completes at last leaves
+// the tables of an index that nothing cut.
+TEST_F(OlvaneIndexerTest, APowerCutLeavesADatabaseThatTheNextRunCompletes) {
+    std::vector<std::string> songs;
+    for (int i = 0; i < 3000; ++i)
+        songs.push_back(
+            tree.copySample("gears-copper-sky.mp3",
+                            "usb/" + std::to_string(i / 100) + "/" + std::to_string(i) + ".mp3"));
+    tree.write("usb/list.m3u", "0/0.mp3\n29/2999.mp3\na/0.mp3\n");
+    const QStringList args = {"--device-id", "cut", "--no-progress", mp()};
+    TempDir before, clean, db;
+    auto dbFile = [](const std::string& dir) {
+        DatabaseMgr::instance().setDatabaseDirectory(dir);
+        return DatabaseMgr::instance().getDbNameFromDevId("cut");
+    };
+    // Runs to the end into `dir`; returns how long it took (ms).
+    auto complete = [&](const std::string& dir) {
+        QElapsedTimer t;
+        t.start();
+        EXPECT_EQ(0, run(QStringList{"--db-dir", dir.c_str()} + args).exitCode);
+        return int(t.elapsed());
+    };
+    std::random_device seed;
+    std::mt19937 random(seed());
+    int cuts = 0;
+    for (bool touched : {false, true}) {
+        if (touched) {
+            for (size_t i = 0; i < songs.size(); i += 10)
+                olvane::test::setMtime(songs[i], 1000000000);
+            std::filesystem::copy_file(dbFile(before.path()), dbFile(clean.path()));
+            std::filesystem::copy_file(dbFile(before.path()), dbFile(db.path()),
+                                       std::filesystem::copy_options::overwrite_existing);
+        }
+        const int duration = complete(touched ? clean.path() : before.path());
+        dbFile(touched ? clean.path() : before.path());
+        const auto want = olvane::test::indexDump("cut");
+        for (int trial = 0; trial < 10; ++trial) {
+            // Ten cuts in about one indexing's time: most land mid-way.
+            const int killAt = std::uniform_int_distribution<int>(0, duration / 4)(random);
+            SCOPED_TRACE((touched ? "re-index cut at " : "first index cut at ") +
+                         std::to_string(killAt) + " ms");
+            QProcess p;
+            p.start(OLVANE_INDEXER, QStringList{"--db-dir", db.path().c_str()} + args);
+            QElapsedTimer clock;
+            clock.start();
+            olvane::test::waitFor(
+                [&] { return clock.elapsed() >= killAt || p.state() == QProcess::NotRunning; });
+            cuts += p.state() == QProcess::Running;
+            p.kill();  // SIGKILL
+            p.waitForFinished();
+            if (std::filesystem::exists(dbFile(db.path()))) {
+                EXPECT_EQ(std::vector<std::string>{"ok"},
+                          olvane::test::dbColumn("cut", "PRAGMA integrity_check;"));
+            }
+        }
+        complete(db.path());
+        EXPECT_EQ("", olvane::test::dumpDifference(want, olvane::test::indexDump("cut")));
+        EXPECT_EQ("OK", DatabaseMgr::instance().getStatus("cut", root));
+    }
+    EXPECT_GE(cuts, 10) << "most runs should have been cut while running";
+}
