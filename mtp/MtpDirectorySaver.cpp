@@ -70,6 +70,8 @@ boost::shared_ptr<Block<void>> MtpDirectorySaver::doOperation(
         ostream.exec("END TRANSACTION;");
     }
 
+    if (storageFailed())
+        out->operation.writeFailed = true;
     ZQLOG_INFO("MtpDirectorySaver timer: %ld", timer.stop());
     ostream.close();
     istream.close();

@@ -30,7 +30,9 @@ bool MtpUtils::deviceHasMetadata(unsigned trackId, unsigned handle) {
 bool MtpUtils::getMetadataFromMTPFile(unsigned trackId, CTrackInfo& info, unsigned handle) {
     const auto device = DeviceTable::instance().find(handle);
     std::string content;
-    if (!device || !device->readContent(trackId, content))
+    // Tags sit in the first few MiB; a huge file costs no more than that.
+    static const size_t kMaxTagBytes = 16u << 20;
+    if (!device || !device->readContent(trackId, content, kMaxTagBytes))
         return false;
     TagLib::ByteVector bytes(content.data(), static_cast<unsigned>(content.size()));
     TagLib::ByteVectorStream stream(bytes);

@@ -36,8 +36,9 @@ public:
     virtual std::string rawPath(t_track_id id) = 0;
     // Whether the device supplies the track's tags itself.
     virtual bool hasMetadata(t_track_id id) = 0;
-    // The whole content of a file object into `bytes`; false if there is none.
-    virtual bool readContent(t_track_id id, std::string& bytes) = 0;
+    // At most the first `maxBytes` of a file object's content into `bytes`
+    // (a partial read, as a phone's protocol allows); false if there is none.
+    virtual bool readContent(t_track_id id, std::string& bytes, size_t maxBytes) = 0;
 };
 
 }  // namespace portolan

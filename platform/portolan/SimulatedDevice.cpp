@@ -438,7 +438,7 @@ bool SimulatedDevice::hasMetadata(t_track_id id) {
     return o && o->type == OBJECT_TRACK && !faults_.noMetadata.count(o->rawPath);
 }
 
-bool SimulatedDevice::readContent(t_track_id id, std::string& bytes) {
+bool SimulatedDevice::readContent(t_track_id id, std::string& bytes, size_t maxBytes) {
     std::string path;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -450,7 +450,9 @@ bool SimulatedDevice::readContent(t_track_id id, std::string& bytes) {
     std::ifstream in(path, std::ios::binary);
     if (!in)
         return false;
-    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    bytes.resize(maxBytes);
+    in.read(&bytes[0], std::streamsize(maxBytes));
+    bytes.resize(size_t(in.gcount()));
     return !in.bad();
 }
 

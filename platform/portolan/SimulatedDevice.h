@@ -116,7 +116,7 @@ public:
     const std::string& deviceId() const override { return deviceId_; }
     std::string rawPath(t_track_id id) override;
     bool hasMetadata(t_track_id id) override;
-    bool readContent(t_track_id id, std::string& bytes) override;
+    bool readContent(t_track_id id, std::string& bytes, size_t maxBytes) override;
 
 private:
     struct Tags {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -97,9 +99,14 @@ TEST_F(MtpUtilsTest, MetadataFromTheFilesContent) {
         {"moreno-rain-check.wma", "Rain Check|Lia Moreno|Postcards|Pop|Lia Moreno"},
         {"truncated.flac", "failed keep||||"},
         {"random-bytes.m4a", "failed keep||||"},
+        {"huge.mp3", "Iron Road|The Rusty Gears|Steam and Steel|Rock|Tom Hale"},
     };
     for (const auto& c : cases)
-        dir.copySample(c.first, std::string("phone/Music/") + c.first);
+        if (std::string(c.first) != "huge.mp3")
+            dir.copySample(c.first, std::string("phone/Music/") + c.first);
+    // A tagged song followed by 4 GiB of zeros (sparse): only its head is read.
+    dir.copySample("gears-iron-road.mp3", "phone/Music/huge.mp3");
+    ASSERT_EQ(0, truncate(dir.file("phone/Music/huge.mp3").c_str(), 4ll << 30));
     auto device = connect(7, "dev-1");
     for (const auto& c : cases) {
         CTrackInfo info;
