@@ -62,6 +62,8 @@ function(olvane_pkg_config name description requires component)
     set(PC_NAME ${name})
     set(PC_DESCRIPTION ${description})
     set(PC_REQUIRES ${requires})
+    list(TRANSFORM OLVANE_ABI_DEFINITIONS PREPEND " -D" OUTPUT_VARIABLE PC_CFLAGS)
+    list(JOIN PC_CFLAGS "" PC_CFLAGS)
     configure_file(${PROJECT_SOURCE_DIR}/cmake/olvane.pc.in ${CMAKE_BINARY_DIR}/pkgconfig/${name}.pc @ONLY)
     install(FILES ${CMAKE_BINARY_DIR}/pkgconfig/${name}.pc
             DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ${component})
@@ -81,10 +83,14 @@ function(olvane_cmake_package name component)
             COMPONENT ${component})
 endfunction()
 
-# The platform's libraries.
-foreach(t ${OLVANE_PLATFORM_TARGETS})
+# Users of every installed library find its headers under include/olvane and
+# build with the same file offset and time sizes.
+foreach(t ${OLVANE_PLATFORM_TARGETS} olvane-core)
     target_include_directories(${t} INTERFACE $<INSTALL_INTERFACE:${OLVANE_INCLUDE_DIR}>)
+    target_compile_definitions(${t} INTERFACE "$<INSTALL_INTERFACE:${OLVANE_ABI_DEFINITIONS}>")
 endforeach()
+
+# The platform's libraries.
 install(TARGETS ${OLVANE_PLATFORM_TARGETS} EXPORT OlvanePlatformTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT platform NAMELINK_COMPONENT platformdev)
 olvane_install_headers(platformdev ${OLVANE_PLATFORM_PUBLIC_HEADERS})
@@ -101,7 +107,6 @@ olvane_cmake_package(OlvanePlatform platformdev)
 
 # The core library. Its installed headers need QtCore, Boost's shared_ptr,
 # pthreads and the logging header; nothing else crosses to its users.
-target_include_directories(olvane-core INTERFACE $<INSTALL_INTERFACE:${OLVANE_INCLUDE_DIR}>)
 target_link_libraries(olvane-core INTERFACE olvane-log Qt6::Core Boost::headers Threads::Threads)
 install(TARGETS olvane-core EXPORT OlvaneCoreTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT core NAMELINK_COMPONENT coredev)
