@@ -20,6 +20,9 @@ endif()
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_SYSROOT ${OLVANE_ARMHF_ROOT})
+# GCC notes that std::pair and iterator arguments are passed as GCC 7.1
+# changed it on ARM; every library here is built by GCC 12, so that is moot.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 set(CMAKE_FIND_ROOT_PATH ${OLVANE_ARMHF_ROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
