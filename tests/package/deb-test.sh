@@ -1,18 +1,14 @@
 #!/usr/bin/env bash
 # cpack -G DEB; apt-get installs libolvane-core-dev and olvane-indexer, whose
-# declared dependencies must bring the other packages, into a throwaway copy of this machine's system (an
-# overlay of / in a private mount namespace, for root); elsewhere they are
-# unpacked with dpkg -x into a prefix. The example host then builds against
+# declared dependencies must bring the other packages, into a throwaway copy
+# of this machine's system (an overlay of / in a private mount namespace, for
+# root); elsewhere they are unpacked with dpkg -x into a prefix. The example host then builds against
 # what was installed and indexes a small tree.
 #   deb-test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
 build=$1 src=$2
 work=$(mktemp -d -t olvane-deb-XXXXXX)
-cleanup() {
-    if mountpoint -q "$work/fs" 2>/dev/null; then umount -l "$work/fs"; fi
-    rm -rf "$work"
-}
-trap cleanup EXIT
+trap 'rm -rf "$work"' EXIT
 source "$src/tests/package/host-check.sh"
 
 cpack --config "$build/CPackConfig.cmake" -B "$work/debs" >"$work/cpack.log" 2>&1 ||
