@@ -20,6 +20,7 @@
 // PORTOLAN_TEXT_SIZE bytes ("" on failure); longer texts are cut to
 // PORTOLAN_TEXT_SIZE - 1 bytes, never inside a UTF-8 character.
 
+#include <cstddef>
 #include <cstdint>
 
 typedef uint32_t t_handle;
@@ -96,6 +97,14 @@ struct t_mtp_item_list {
     uint32_t count;
     t_mtp_item* items;  // malloc'ed array of `count`, freed by the receiver
 };
+
+// On a 32-bit target every element is exactly three 32-bit words.
+static_assert(sizeof(void*) != 4 ||
+                  (sizeof(t_playlist_item) == 12 && offsetof(t_playlist_item, id) == 4 &&
+                   offsetof(t_playlist_item, type) == 8 && sizeof(t_mtp_item) == 12 &&
+                   offsetof(t_mtp_item, id) == 4 && offsetof(t_mtp_item, type) == 8),
+              "list elements are three 32-bit words on a 32-bit target");
+static_assert(sizeof(t_mtp_container) == 12, "a container is three 32-bit words");
 
 const unsigned PORTOLAN_TEXT_SIZE = 256;
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -60,6 +61,16 @@ TEST_F(MSDCrawlerTest, BreadthFirstWithParentIndexes) {
         depth = d;
     }
     EXPECT_EQ(1234567, r.songs->items.at(0)->lastModified);  // A's song is met first
+}
+
+// On 32-bit targets too: stat must not fail on sizes or times past 32 bits.
+TEST_F(MSDCrawlerTest, FindsFilesOverTwoGiBAndPast2038) {
+    t.write("usb/big.mp4", "");
+    ASSERT_EQ(0, truncate(t.file("usb/big.mp4").c_str(), off_t(3LL << 30)));
+    t.write("usb/later.mp3", "");
+    setMtime(t.file("usb/later.mp3"), 2208988800LL);  // 2040-01-01
+    EXPECT_EQ(Paths({"big.mp4", "later.mp3"}),
+              relativePaths(crawl(rootBlock(usb)).songs->items, usb));
 }
 
 TEST_F(MSDCrawlerTest, StopsAtSixteenThousandSongs) {

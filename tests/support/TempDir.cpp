@@ -1,5 +1,6 @@
 #include "tests/support/TempDir.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <utime.h>
 
@@ -53,11 +54,12 @@ std::string TempDir::copySample(const std::string& sample, const std::string& re
     return p;
 }
 
-void setMtime(const std::string& path, long seconds) {
+void setMtime(const std::string& path, long long seconds) {
     struct utimbuf times;
-    times.actime = seconds;
-    times.modtime = seconds;
-    utime(path.c_str(), &times);
+    times.actime = time_t(seconds);
+    times.modtime = time_t(seconds);
+    if (utime(path.c_str(), &times) != 0 || times.modtime != seconds)
+        ADD_FAILURE() << "cannot set the time of " << path << " to " << seconds;
 }
 
 }  // namespace test

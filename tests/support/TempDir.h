@@ -30,7 +30,7 @@ private:
 };
 
 // Sets a file's modification time (seconds).
-void setMtime(const std::string& path, long seconds);
+void setMtime(const std::string& path, long long seconds);
 
 }  // namespace test
 }  // namespace olvane
