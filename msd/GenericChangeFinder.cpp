@@ -74,7 +74,10 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
     std::vector<FileInfo*>& files = in->items;
     files.erase(std::remove(files.begin(), files.end(), nullptr), files.end());
     std::sort(files.begin(), files.end(), fileBefore);
-    std::sort(objects.begin(), objects.end(), objectBefore);
+    // The rows come in path order when the select walks the path index: a
+    // check is cheaper than sorting them again.
+    if (!std::is_sorted(objects.begin(), objects.end(), objectBefore))
+        std::sort(objects.begin(), objects.end(), objectBefore);
     ZQLOG_INFO("%s: Data Inside db Count: %u, Data Inside device count %d (op:%d)", name,
                unsigned(objects.size()), int(files.size()), operation.id);
 

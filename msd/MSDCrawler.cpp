@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include <QString>
-#include <cctype>
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -62,16 +62,39 @@ std::string resolve(const std::string& path) {
 
 typedef std::pair<dev_t, ino_t> DirectoryKey;
 
+char lowerAscii(char c) {
+    return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c;
+}
+
+// Whether the `length` characters at `text`, lowered, are `lower`.
+bool equalsLowered(const char* text, const char* lower, size_t length) {
+    for (size_t i = 0; i < length; ++i)
+        if (lowerAscii(text[i]) != lower[i])
+            return false;
+    return true;
+}
+
 }  // namespace
 
 MSDCrawler::FileKind MSDCrawler::kindOf(const std::string& name) {
-    std::string lower(name);
-    for (char& c : lower)
-        c = char(std::tolower(static_cast<unsigned char>(c)));
+    // The longest extension has five characters: only the name's last five
+    // are lowered for the first test.
+    const size_t tailLength = std::min<size_t>(name.size(), 5);
+    char tail[5];
+    for (size_t i = 0; i < tailLength; ++i)
+        tail[i] = lowerAscii(name[name.size() - tailLength + i]);
     for (const Extension& ext : kExtensions) {
         // The first occurrence must end the name: "a.mp3.mp3" is no song.
-        size_t at = lower.find(ext.text);
-        if (at != std::string::npos && at + std::strlen(ext.text) == lower.size())
+        // Only a name that ends with the extension can match, so the search
+        // for an earlier occurrence is made for those alone.
+        const size_t length = std::strlen(ext.text);
+        if (tailLength < length || std::memcmp(tail + tailLength - length, ext.text, length) != 0)
+            continue;
+        const size_t end = name.size() - length;
+        size_t at = 0;
+        while (at < end && !equalsLowered(name.c_str() + at, ext.text, length))
+            ++at;
+        if (at == end)
             return ext.kind;
     }
     return OTHER;
