@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <QString>
@@ -192,9 +193,19 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
             const char* name = entry->d_name;
             if (isSkippedName(name))
                 continue;
+            // A plain file that is neither a song nor a playlist needs no stat.
+            FileKind kind = OTHER;
+            if (entry->d_type == DT_REG) {
+                if (name[0] == '.')
+                    continue;
+                kind = kindOf(name);
+                if (kind == OTHER)
+                    continue;
+            }
             std::string path = current->path + "/" + name;
             struct stat st;
-            if (lstat(path.c_str(), &st) != 0) {
+            // Looked up from the open folder, not along the whole path again.
+            if (fstatat(dirfd(dir), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
                 if (errno == EACCES || errno == EIO)
                     readError = readError ? readError : errno;
                 continue;
@@ -220,7 +231,8 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
             }
             if (!S_ISREG(st.st_mode) || name[0] == '.')
                 continue;
-            FileKind kind = kindOf(name);
+            if (entry->d_type != DT_REG)
+                kind = kindOf(name);
             if (kind == SONG) {
                 songs->items.push_back(new FileInfo(path, 0, int(st.st_mtime)));
                 current->hasMusic = true;
