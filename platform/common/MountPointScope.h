@@ -15,10 +15,11 @@ public:
     // An SQL condition, in parentheses, true for the rows whose `column`
     // belongs to `mountPoint`. `mountPoint` is an SQL expression: a parameter
     // such as "?1", which the caller binds to the mount point's text, or a
-    // column of another table of the statement. It is the mount point's own
-    // row (the root of DIRECTORIES) plus the range of paths between M + "/"
-    // and M + "0" ('0' follows '/'), so SQLite serves it from an index on
-    // `column`. A NULL path belongs to no mount point.
+    // column of another table of the statement. It is the range of paths
+    // from M (its own row, such as the root of DIRECTORIES) up to M + "0"
+    // ('0' follows '/'), less those that go on with a byte before '/', so
+    // SQLite serves it from one range of an index on `column`, in path order.
+    // A NULL path belongs to no mount point.
     static std::string sqlCondition(const std::string& column,
                                     const std::string& mountPoint = "?1");
 

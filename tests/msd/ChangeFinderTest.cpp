@@ -54,27 +54,33 @@ TEST_F(ChangeFinderTest, PassesOnNewAndChangedFilesAndDeletesStaleRows) {
     EXPECT_EQ(1, spy.count());
 
     addSongs({"/media/usb1/a.mp3", "/media/usb1/b.mp3", "/media/usb1/c.mp3", "/media/usb1/old.mp3",
-              "/media/usb2/z.mp3", "/media/usb10/p.mp3"});
+              "/media/usb2/z.mp3", "/media/usb10/p.mp3", "/media/usb1-2/q.mp3",
+              "/media/usb1 (2)/r.mp3"});
     DatabaseMgr::instance().insertStatus("dev1", "/media/usb1", "OK");
     // Touched b and renamed old: deleted and passed on; removed c: deleted only.
-    // /media/usb10 shares the prefix, but is another partition.
+    // /media/usb10, /media/usb1-2 and "/media/usb1 (2)" share the prefix
+    // (the last two with a byte before '/'), but are other partitions.
     EXPECT_EQ(Strings({"/media/usb1/b.mp3@200", "/media/usb1/new.mp3@100"}),
               find("/media/usb1", {{"new.mp3", 100}, {"b.mp3", 200}, {"a.mp3", 100}}));
-    EXPECT_EQ(Strings({"/media/usb1/a.mp3", "/media/usb10/p.mp3", "/media/usb2/z.mp3"}), songs());
+    EXPECT_EQ(Strings({"/media/usb1 (2)/r.mp3", "/media/usb1-2/q.mp3", "/media/usb1/a.mp3",
+                       "/media/usb10/p.mp3", "/media/usb2/z.mp3"}),
+              songs());
     EXPECT_EQ(2, spy.count());
 
     // A removal alone is deleted, but neither recorded nor signalled.
     DatabaseMgr::instance().insertStatus("dev1", "/media/usb1", "OK");
     addSongs({"/media/usb1/d.mp3"});
     EXPECT_TRUE(find("/media/usb1", {{"a.mp3", 100}}).empty());
-    EXPECT_EQ(Strings({"/media/usb1/a.mp3", "/media/usb10/p.mp3", "/media/usb2/z.mp3"}), songs());
+    EXPECT_EQ(Strings({"/media/usb1 (2)/r.mp3", "/media/usb1-2/q.mp3", "/media/usb1/a.mp3",
+                       "/media/usb10/p.mp3", "/media/usb2/z.mp3"}),
+              songs());
     EXPECT_EQ("OK", status());
     EXPECT_EQ(2, spy.count());
 
     // A gone device's partial list is not compared, or it would delete the rest.
     EXPECT_TRUE(find("/media/usb1", {{"x.mp3", 1}}, true).empty());
-    EXPECT_EQ(3u, songs().size());
+    EXPECT_EQ(5u, songs().size());
     // Pasted into the text, this mount point would make the select cover every row.
     EXPECT_TRUE(find("/media/usb\" OR PATH LIKE \"", {}).empty());
-    EXPECT_EQ(3u, songs().size());
+    EXPECT_EQ(5u, songs().size());
 }
