@@ -36,5 +36,9 @@ bool DatabaseMgr::open(const std::string& devId, Stream& stream, int timeoutMs) 
     }
     ZQLOG_INFO("Set timeout to %d ms", timeoutMs);
     sqlite3_busy_timeout(stream.db, timeoutMs);
+    // In WAL mode a commit is then written, not flushed: a power cut may lose
+    // the last commits, never the database's soundness. Each indexing ends
+    // with DatabaseMgr::sync, which flushes them all.
+    sqlite3_exec(stream.db, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
     return true;
 }
