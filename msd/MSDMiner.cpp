@@ -15,6 +15,7 @@
 #include "msd/BoundedFileStream.h"
 #include "msd/Encoder.h"
 #include "msd/MountPointCheck.h"
+#include "msd/ReadAhead.h"
 #include "platform/common/DatabaseMgr.h"
 
 namespace kestrow {
@@ -50,7 +51,11 @@ void silenceTagLib() {
 }  // namespace
 
 MSDMiner::MSDMiner(const char* name_)
-    : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_), goneOperation(-1) {}
+    : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_), goneOperation(-1) {
+    // Ready by the time the first songs are read, which need it for any Asian
+    // text; the walk and the comparison come first.
+    MetaDataInfo::prepareAsianReading();
+}
 
 void MSDMiner::markGone(Operation& op) {
     op.deviceGone = true;
@@ -77,7 +82,18 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
     }
 
     const std::string& mountPoint = in->operation.mountPoint;
-    for (FileInfo* file : in->items) {
+    // The files a window ahead are announced to the kernel, so that their
+    // reads are under way while this one is parsed.
+    std::vector<FileInfo*>& files = in->items;
+    auto announce = [&files](size_t index) {
+        if (index < files.size() && files[index] && files[index]->path)
+            ReadAhead::hint(*files[index]->path);
+    };
+    for (size_t index = 0; index < kReadAheadFiles; ++index)
+        announce(index);
+    for (size_t index = 0; index < files.size(); ++index) {
+        announce(index + kReadAheadFiles);
+        FileInfo* file = files[index];
         if (!file || !file->path)
             continue;
         const std::string& path = *file->path;

@@ -23,6 +23,11 @@ namespace kestrow {
 // (a listener installed once per process); standard error is never touched.
 class MSDMiner : public Server<Block<FileInfo*>, Block<MetaDataInfo*>> {
 public:
+    // How many files ahead of the one being read are announced (ReadAhead).
+    static const size_t kReadAheadFiles = 256;
+
+    // Has the Asian-reading transliterator built in the background
+    // (MetaDataInfo::prepareAsianReading).
     explicit MSDMiner(const char* name);
 
     // Called on the stage's thread with each file's path before it is read;

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "platform/common/Md5.h"
 #include "platform/log/ZQLog.h"
@@ -26,6 +27,23 @@ std::string lastComponent(const std::string& path) {
     size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
+
+// One transliterator for the process; it is not thread-safe. State below is
+// protected by latinMutex.
+std::mutex latinMutex;
+std::unique_ptr<icu::Transliterator> latin;
+bool latinTried = false;
+
+// The thread that builds the transliterator ahead of need. Defined after the
+// transliterator, so that at exit it is joined before the transliterator goes.
+struct Preparation {
+    std::once_flag once;
+    std::thread thread;
+    ~Preparation() {
+        if (thread.joinable())
+            thread.join();
+    }
+} preparation;
 
 }  // namespace
 
@@ -117,13 +135,9 @@ std::string MetaDataInfo::asianReading(const std::string& text) {
     if (!asian)
         return std::string();
 
-    // One transliterator for the process; it is not thread-safe.
-    static std::mutex mutex;
-    static std::unique_ptr<icu::Transliterator> latin;
-    static bool tried = false;
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!tried) {
-        tried = true;
+    std::lock_guard<std::mutex> lock(latinMutex);
+    if (!latinTried) {
+        latinTried = true;
         UErrorCode err = U_ZERO_ERROR;
         latin.reset(
             icu::Transliterator::createInstance("Any-Latin; Latin-ASCII", UTRANS_FORWARD, err));
@@ -138,6 +152,12 @@ std::string MetaDataInfo::asianReading(const std::string& text) {
     std::string out;
     u.toUTF8String(out);
     return trim(out).str();
+}
+
+void MetaDataInfo::prepareAsianReading() {
+    std::call_once(preparation.once, [] {
+        preparation.thread = std::thread([] { asianReading("\xe6\xbc\xa2"); });  // a Han character
+    });
 }
 
 void MetaDataInfo::setAsianFields() {

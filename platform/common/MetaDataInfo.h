@@ -33,6 +33,10 @@ public:
     // ASCII Latin transliteration (ICU "Any-Latin; Latin-ASCII") of UTF-8
     // text holding Han, Hiragana, Katakana or Hangul; "" for other text.
     static std::string asianReading(const std::string& text);
+    // Starts building the transliterator (about 0.1 s of work, once per
+    // process) on a thread of its own, rather than when the first Asian text
+    // is met; the thread is joined at exit. Returns at once. Thread-safe.
+    static void prepareAsianReading();
 
     // Audio type codes, from the file's extension.
     enum AudioType {
