@@ -7,7 +7,7 @@ function(olvane_add_test file)
     target_link_libraries(${name} PRIVATE olvane-core olvane-testsupport GTest::gtest GTest::gmock)
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES
-        ENVIRONMENT "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/scripts/lsan.supp:print_suppressions=0"
+        ENVIRONMENT "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/scripts/lsan.supp:print_suppressions=0:fast_unwind_on_malloc=0"
         TIMEOUT 300)
     if(name IN_LIST OLVANE_CONCURRENCY_TESTS)
         add_dependencies(concurrency-tests ${name})
