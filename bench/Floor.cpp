@@ -139,8 +139,8 @@ int parse(const std::string& root, size_t& files) {
     files = entries.size();
     size_t withTags = 0;
     for (const Entry& e : entries) {
-        // The read style the indexer uses.
-        TagLib::FileRef ref(e.path.c_str(), true, TagLib::AudioProperties::Average);
+        // The read style the indexer uses: tags only, no audio properties.
+        TagLib::FileRef ref(e.path.c_str(), false);
         if (!ref.isNull() && ref.tag()) {
             TagLib::PropertyMap map = ref.file()->properties();
             withTags += map.isEmpty() ? 0 : 1;
