@@ -35,6 +35,8 @@ if can_overlay; then
         r=$work/fs/root
         for d in proc dev sys; do mount --rbind "/$d" "$r/$d"; done
         mount -t tmpfs tmp "$r/tmp"
+        # The sources at their own path, even when they lie below /tmp.
+        mkdir -p "$r$src" && mount --bind "$src" "$r$src"
         mkdir -p "$r/tmp/check" && cp "$work"/debs/*.deb "$r/tmp/check/"
         # Only the two packages a developer asks for: their declared
         # dependencies must bring the other three from a local repository.
