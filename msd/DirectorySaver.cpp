@@ -119,8 +119,7 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
     } else {
         ZQLOG_INFO("RNC: Found changes %u", unsigned(changes.size()));
         if (state == 0) {
-            emit KestrowQTProxy::instance().contentModified(
-                QString::fromUtf8(mountPoint.c_str()));
+            emit KestrowQTProxy::instance().contentModified(QString::fromUtf8(mountPoint.c_str()));
         }
         ostream.exec("BEGIN TRANSACTION;");
         ostream.query("DELETE FROM DIRECTORIES WHERE " + scope + ";");
