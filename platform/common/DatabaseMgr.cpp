@@ -12,7 +12,6 @@
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
-#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -201,22 +200,35 @@ private:
     sqlite3* db_ = nullptr;
 };
 
-// Every column of the index tables, by table: a database whose tables lack
-// one was made by something else.
-const char* const kColumns[][2] = {
-    {"DIRECTORIES", "PARTITION_ID PATH NAME OBJECTID PARENT_ID"},
-    {"SONGS",
-     "ID PARTITION_ID PATH OBJECTID DIRECTORYID NAME TITLE ARTISTID ALBUMID GENREID COMPOSERID "
-     "AUDIOTYPE BOOKMARK LASTMODIFIED TRACKIND DISCNUM ASIANTITLE"},
-    {"ARTISTS", "ARTISTID ARTIST ASIANARTIST"},
-    {"ALBUMS", "ALBUMID ALBUM ASIANALBUM"},
-    {"GENRES", "GENREID GENRE ASIANGENRE"},
-    {"COMPOSERS", "COMPOSERID COMPOSER ASIANCOMPOSER"},
-    {"PLAYLISTS",
-     "ID PARTITION_ID PLAYPATH PLAYID PLAYNAME TRACKPATH TRACKID AUDIOTYPE LASTMODIFIED"},
-    {"OLVANE_STATUS", "MOUNTPOINT STATUS INDEXED_AT"},
-    {"OLVANE_PARTITIONS", "MOUNTPOINT BASE SEEN"},
-};
+// Every column of the index tables, by table, as the schema makes them: a
+// database whose tables lack one was made by something else.
+const std::vector<std::pair<std::string, std::vector<std::string>>>& schemaColumns() {
+    static const auto columns = [] {
+        std::vector<std::pair<std::string, std::vector<std::string>>> tables;
+        sqlite3* db = nullptr;
+        if (sqlite3_open(":memory:", &db) == SQLITE_OK &&
+            sqlite3_exec(db, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK) {
+            sqlite3_stmt* stmt = nullptr;
+            sqlite3_prepare_v2(db,
+                               "SELECT m.name, p.name FROM sqlite_master AS m, "
+                               "pragma_table_info(m.name) AS p WHERE m.type = 'table' "
+                               "ORDER BY m.name, p.cid;",
+                               -1, &stmt, nullptr);
+            while (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
+                const std::string table =
+                    reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+                if (tables.empty() || tables.back().first != table)
+                    tables.emplace_back(table, std::vector<std::string>());
+                tables.back().second.push_back(
+                    reinterpret_cast<const char*>(sqlite3_column_text(stmt, 1)));
+            }
+            sqlite3_finalize(stmt);
+        }
+        sqlite3_close(db);
+        return tables;
+    }();
+    return columns;
+}
 
 enum class Verdict { VALID, INVALID, UNKNOWN };
 
@@ -287,13 +299,13 @@ Verdict inspect(const std::string& name, bool thorough, std::string& why) {
         return out;
     };
     Verdict v = Verdict::VALID;
-    for (const auto& table : kColumns) {
-        const std::vector<std::string> present =
-            rows(std::string("PRAGMA table_info(") + table[0] + ");", 1);
-        std::istringstream wanted(table[1]);
-        for (std::string column; rc == SQLITE_OK && !present.empty() && wanted >> column;) {
+    for (const auto& [table, wanted] : schemaColumns()) {
+        const std::vector<std::string> present = rows("PRAGMA table_info(" + table + ");", 1);
+        for (const std::string& column : wanted) {
+            if (rc != SQLITE_OK || present.empty())
+                break;
             if (std::find(present.begin(), present.end(), column) == present.end()) {
-                why = std::string("table ") + table[0] + " has no column " + column;
+                why = "table " + table + " has no column " + column;
                 v = Verdict::INVALID;
             }
         }
