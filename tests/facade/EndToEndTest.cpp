@@ -1,69 +1,43 @@
-// Indexes real trees from end to end through the facade's slots, with the
-// scheduler, the mass-storage pipeline and all its stages.
-#include <gtest/gtest.h>
-#include <sqlite3.h>
+// Whole indexings through the facade's slots: the scheduler builds the real
+// device pipelines, for trees, partitions and a simulated phone. Hooks set
+// before a request run on its mass-storage pipeline's threads, before each
+// folder of the walk and each song the miner reads, to hold or break it there.
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <QElapsedTimer>
+#include <QProcess>
+#include <algorithm>
 #include <atomic>
-#include <boost/weak_ptr.hpp>
 #include <condition_variable>
-#include <map>
+#include <cstring>
+#include <filesystem>
+#include <functional>
 #include <mutex>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "facade/KestrowQTProxy.h"
 #include "msd/MSDCrawler.h"
 #include "msd/MSDMiner.h"
 #include "orchestration/Kestrow.h"
 #include "orchestration/MSDPipeline.h"
-#include "platform/common/DatabaseMgr.h"
-#include "platform/common/Md5.h"
-#include "platform/log/LogCapture.h"
+#include "orchestration/MtpPipeline.h"
 #include "tests/support/SignalLog.h"
-#include "tests/support/Sql.h"
-#include "tests/support/TempDir.h"
-#include "tests/support/Wait.h"
+#include "tests/support/SimulatedPhone.h"
+#include "tests/support/Testing.h"
 
-using kestrow::Block;
-using kestrow::FileInfo;
-using olvane::test::setMtime;
-using olvane::test::TempDir;
-using olvane::test::waitFor;
+using namespace olvane::test;
+using portolan::SimulatedDevice;
+using Hook = std::function<void(const std::string&)>;
 
 namespace {
 
-// Rows of a query as "a|b|c" texts.
-std::vector<std::string> dump(const std::string& dbFile, const std::string& sql) {
-    std::vector<std::string> rows;
-    sqlite3* db = nullptr;
-    char** table = nullptr;
-    int nrow = 0, ncol = 0;
-    if (sqlite3_open_v2(dbFile.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-        sqlite3_get_table(db, sql.c_str(), &table, &nrow, &ncol, nullptr) == SQLITE_OK) {
-        for (int r = 1; r <= nrow; ++r) {
-            std::string row;
-            for (int c = 0; c < ncol; ++c)
-                row += (c ? "|" : "") +
-                       std::string(table[r * ncol + c] ? table[r * ncol + c] : "NULL");
-            rows.push_back(row);
-        }
-    }
-    sqlite3_free_table(table);
-    sqlite3_close(db);
-    return rows;
-}
-
-// One stage thread waits at it, until the test lets it go (for good), with
-// the work in hand.
+// A stage thread waits at it until the test releases it, for good.
 class Latch {
 public:
-    void wait(boost::weak_ptr<void> inHand = {}) {
+    void wait() {
         std::unique_lock<std::mutex> lock(mutex);
-        work = inHand;
         reached = true;
         cond.wait(lock, [&] { return released; });
     }
@@ -76,256 +50,227 @@ public:
         released = true;
         cond.notify_all();
     }
-    bool workDone() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return work.expired();
-    }
 
 private:
     std::mutex mutex;
     std::condition_variable cond;
     bool reached = false, released = false;
-    boost::weak_ptr<void> work;
 };
 
-// Where a pipeline waits at a latch: before the `at`-th directory of its
-// walk, or inside its miner's pass over the `at`-th block.
-struct Hold {
-    enum { NONE, CRAWL, MINE } where = NONE;
-    int at = 0;
-    Latch* latch = nullptr;
-};
-
-class HeldMiner : public kestrow::MSDMiner {
-public:
-    explicit HeldMiner(const Hold& hold) : MSDMiner("MSDMiner"), hold(hold) {}
-    boost::shared_ptr<Block<MetaDataInfo*>> doOperation(
-        boost::shared_ptr<Block<FileInfo*>> in) override {
-        if (++passes == hold.at)
-            hold.latch->wait(in);
-        return MSDMiner::doOperation(in);
-    }
-
-private:
-    Hold hold;
-    int passes = 0;
-};
-
-// The mass-storage pipeline, held as `hold` says.
-class HeldPipeline : public kestrow::MSDPipeline {
-public:
-    HeldPipeline(kestrow::Kestrow* owner, Hold hold) : MSDPipeline(owner) {
-        if (hold.where == Hold::CRAWL)
-            static_cast<kestrow::MSDCrawler*>(crawler())->setDirectoryHook(
-                [hold, opened = 0](const std::string&) mutable {
-                    if (++opened == hold.at)
-                        hold.latch->wait();
-                });
-        for (kestrow::Runnable*& child : children) {
-            auto* miner = dynamic_cast<kestrow::MSDMiner*>(child);
-            if (hold.where != Hold::MINE || !miner)
-                continue;
-            auto* held = new HeldMiner(hold);
-            held->next = miner->next;
-            for (kestrow::Runnable* r : children)
-                if (auto* s = dynamic_cast<kestrow::Server<Block<FileInfo*>, Block<FileInfo*>>*>(r);
-                    s && s->next == miner)
-                    s->next = held;
-            delete miner;
-            child = held;
-        }
-    }
-};
+const std::string kDev = "dev";
+const QString kPhone = "mtp-folder://phone1";
 
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override {
         DatabaseMgr::instance().setDatabaseDirectory(dbDir.path());
+        scheduler.setPipelineFactory(
+            [this](kestrow::OperationType type,
+                   kestrow::Kestrow* owner) -> kestrow::SongDirectoryPipeline* {
+                if (type != kestrow::MSD_OPERATION)
+                    return new kestrow::MtpPipeline(owner);
+                auto* pipeline = new kestrow::MSDPipeline(owner);
+                if (onDirectory)
+                    static_cast<kestrow::MSDCrawler*>(pipeline->crawler())
+                        ->setDirectoryHook(onDirectory);
+                for (kestrow::Runnable* stage : pipeline->children)
+                    if (auto* miner = dynamic_cast<kestrow::MSDMiner*>(stage); miner && onFile)
+                        miner->setFileHook(onFile);
+                return pipeline;
+            });
         scheduler.launch();
         scheduler.start();
         KestrowQTProxy::instance().setScheduler(&scheduler);
-        root = tree.mkdir("usb");
     }
     void TearDown() override {
-        for (Latch& l : latches)
-            l.release();
+        for (Latch& latch : latches)
+            latch.release();
         scheduler.stop();
         scheduler.join();
         KestrowQTProxy::instance().setScheduler(nullptr);
     }
 
-    // One request through the facade; returns the signals it produced.
-    QStringList index() {
-        olvane::test::SignalLog sigs;
-        QMetaObject::invokeMethod(&KestrowQTProxy::instance(), "startIndexing",
-                                  Qt::QueuedConnection, Q_ARG(QString, "usb1"),
-                                  Q_ARG(QString, QString::fromStdString(root)), Q_ARG(bool, true));
+    // One request through the facade, to its end; returns its signals.
+    QStringList index(const std::string& mountPoint, bool isFirstPartition = true,
+                      const std::string& dev = kDev) {
+        SignalLog sigs;
+        KestrowQTProxy::instance().startIndexing(
+            QString::fromStdString(dev), QString::fromStdString(mountPoint), isFirstPartition);
         EXPECT_TRUE(waitFor(
             [&] {
                 return sigs.entries.filter("indexingFinished ").size() == 1 &&
                        scheduler.registeredCount() == 0;
             },
-            60000));
+            60000))
+            << mountPoint;
         return sigs.entries;
     }
-
-    std::string one(const std::string& sql) {
-        auto r = rows(sql);
-        return r.empty() ? "<none>" : r[0];
+    // One request for the phone, plugged in with `faults` and announced ready
+    // once connected, as the head unit does.
+    QStringList indexPhone(const SimulatedDevice::Faults& faults = {},
+                           portolan::DeviceTable::UnplugHook hook = nullptr) {
+        PluggedPhone phone(12, "phone1", phoneFolder, faults, hook);
+        SignalLog sigs;
+        cap.clear();
+        KestrowQTProxy::instance().startMtpIndexing("phone1", 12, true);
+        EXPECT_TRUE(waitFor([&] { return cap.count("setDeviceConnected DONE"); }));
+        KestrowQTProxy::instance().setDeviceReady(12);
+        EXPECT_TRUE(waitFor([&] {
+            return sigs.entries.contains("indexingFinished " + kPhone) &&
+                   scheduler.registeredCount() == 0;
+        }));
+        return sigs.entries;
     }
-    std::vector<std::string> rows(const std::string& sql) {
-        return dump(DatabaseMgr::instance().getDbNameFromDevId("usb1"), sql);
+    Strings column(const std::string& sql) { return dbColumn(kDev, sql); }
+    std::string status(const std::string& mountPoint, const std::string& dev = kDev) {
+        return DatabaseMgr::instance().getStatus(dev, mountPoint);
     }
-    std::map<std::string, std::vector<std::string>> allTables() {
-        std::map<std::string, std::vector<std::string>> t;
-        for (const char* name :
+    std::string phoneStatus() { return status(kPhone.toStdString(), "phone1"); }
+    // Rows that point nowhere, or that nothing points to: songs whose folder,
+    // artist, album, genre or composer has no row, folders whose parent is
+    // missing, playlist entries naming no song, lookup rows naming no song.
+    Strings dangling() {
+        std::string sql =
+            "SELECT PATH FROM DIRECTORIES WHERE PARENT_ID <> '' AND PARENT_ID NOT IN (SELECT "
+            "OBJECTID FROM DIRECTORIES) UNION ALL SELECT TRACKPATH FROM PLAYLISTS WHERE TRACKID "
+            "NOT IN (SELECT OBJECTID FROM SONGS) UNION ALL SELECT PATH FROM SONGS WHERE "
+            "DIRECTORYID NOT IN (SELECT OBJECTID FROM DIRECTORIES)";
+        for (std::string t : {"ARTIST", "ALBUM", "GENRE", "COMPOSER"})
+            sql += " UNION ALL SELECT PATH FROM SONGS WHERE " + t + "ID NOT IN (SELECT " + t +
+                   "ID FROM " + t + "S) UNION ALL SELECT " + t + " FROM " + t + "S WHERE " + t +
+                   "ID NOT IN (SELECT " + t + "ID FROM SONGS)";
+        return column(sql);
+    }
+    // "songs artists albums genres composers playlist-rows folders"
+    std::string counts() {
+        std::string sql = "SELECT ''";
+        for (const char* table :
              {"SONGS", "ARTISTS", "ALBUMS", "GENRES", "COMPOSERS", "PLAYLISTS", "DIRECTORIES"})
-            t[name] = rows(std::string("SELECT * FROM ") + name + " ORDER BY 1, 2, 3;");
-        return t;
+            sql += std::string(" || (SELECT COUNT(*) FROM ") + table + ") || ' '";
+        return column(sql).at(0);
     }
 
-    // Songs in several formats and folders, broken files, odd names, a
-    // playlist with relative entries, and things that are never indexed.
-    void makeTree() {
-        tree.copySample("gears-iron-road.mp3", "usb/Gears/Steam/iron.mp3");
-        tree.copySample("gears-copper-sky.mp3", "usb/Gears/Steam/copper.mp3");
-        tree.copySample("gears-old-times.mp3", "usb/Gears/Vinyl/old.mp3");
-        tree.copySample("ferro-blue-hour.m4a", "usb/Jazz/Late Sessions/blue hour.m4a");
-        tree.copySample("ferro-cafe-noir.flac", "usb/Jazz/Late Sessions/café noir.flac");
-        tree.copySample("moreno-summer-tape.wav", "usb/Pop/only/sub/summer tape.wav");
-        tree.copySample("moreno-rain-check.wma", "usb/Pop/rain check.wma");
-        tree.copySample("motorhead-style.mp3", kOddSong);
-        tree.copySample("cp1251-id3v1.mp3", "usb/Кино/группа.mp3");
-        tree.copySample("truncated.flac", "usb/broken/truncated.flac");
-        tree.copySample("random-bytes.m4a", "usb/broken/random.m4a");
-        tree.copySample("gears-iron-road.mp3", "usb/.hidden.mp3");
-        tree.write("usb/notes.txt", "not music");
-        tree.mkdir("usb/empty");
-        tree.copySample("gears-iron-road.mp3", "usb/.TRASH/x/deleted.mp3");
-        tree.write("usb/list.m3u", "Gears/Steam/iron.mp3\n" + std::string(kOddSong).substr(4) +
-                                       "\nКино/группа.mp3\n");
-    }
-
-    static constexpr const char* kOddSong = "usb/Odd/100% _x_ [a] 'q'/Ace \"of\" Spadës.mp3";
-
-    TempDir dbDir;
-    TempDir tree;
-    std::string root;
+    TempDir dbDir, tree;
+    std::string phoneFolder;
+    olvane::LogCapture cap;
     Latch latches[4];
-    Hold nextHold;  // for the next pipeline, once a test installs HeldPipelines
+    Hook onDirectory, onFile;   // for the mass-storage pipelines made from then on
+    std::atomic<int> calls{0};  // counted by hooks
     kestrow::Kestrow scheduler;
 };
 
+}  // namespace
+
 TEST_F(EndToEndTest, IndexesATreeThenOnlyWhatChanged) {
-    makeTree();
-    const QString mp = QString::fromStdString(root);
+    const std::string odd = "Odd/100% _x_ [a] 'q'/Ace \"of\" Spadës.mp3";
+    for (const auto& [sample, path] : std::vector<std::pair<std::string, std::string>>{
+             {"gears-iron-road.mp3", "Gears/Steam/iron.mp3"},
+             {"gears-copper-sky.mp3", "Gears/Steam/copper.mp3"},
+             {"gears-old-times.mp3", "Gears/Vinyl/old.mp3"},
+             {"ferro-blue-hour.m4a", "Jazz/Late Sessions/blue hour.m4a"},
+             {"ferro-cafe-noir.flac", "Jazz/Late Sessions/café noir.flac"},
+             {"moreno-summer-tape.wav", "Pop/only/sub/summer tape.wav"},
+             {"moreno-rain-check.wma", "Pop/rain check.wma"},
+             {"motorhead-style.mp3", odd},
+             {"cp1251-id3v1.mp3", "Кино/группа.mp3"},
+             {"truncated.flac", "broken/truncated.flac"},
+             {"random-bytes.m4a", "broken/random.m4a"},
+             {"gears-iron-road.mp3", ".hidden.mp3"},
+             {"gears-iron-road.mp3", ".TRASH/x/deleted.mp3"}})
+        tree.copySample(sample, "usb/" + path);
+    tree.write("usb/notes.txt", "not music");
+    tree.mkdir("usb/empty");
+    tree.write("usb/list.m3u", "Gears/Steam/iron.mp3\n" + odd + "\nКино/группа.mp3\n");
+    const std::string usb = tree.file("usb");
+    const QString mp = QString::fromStdString(usb);
 
-    // First run: everything is new.
-    QStringList first = index();
-    EXPECT_EQ(first.count("crawlingFinished " + mp), 1);
-    EXPECT_GE(first.count("contentModified " + mp), 1);
-    EXPECT_EQ(first.filter("databaseExists").size(), 0);
-    EXPECT_EQ(first.last(), "indexingFinished " + mp);
-    EXPECT_EQ(DatabaseMgr::instance().getStatus("usb1", root), "OK");
+    const QStringList first = index(usb);
+    EXPECT_EQ(1, first.count("crawlingFinished " + mp));
+    EXPECT_TRUE(first.contains("contentModified " + mp));
+    EXPECT_EQ(0, first.filter("databaseExists").size());
+    EXPECT_EQ("indexingFinished " + mp, first.last());
+    EXPECT_EQ("OK", status(usb));
+    EXPECT_EQ(Strings({"Ace \"of\" Spadës.mp3|Motörhead", "blue hour.m4a|Nina Ferro Quartet",
+                       "café noir.flac|Nina Ferro Quartet", "copper.mp3|The Rusty Gears",
+                       "iron.mp3|The Rusty Gears", "old.mp3|The Rusty Gears",
+                       "rain check.wma|Lia Moreno", "random.m4a|", "summer tape.wav|Lia Moreno",
+                       "truncated.flac|", "группа.mp3|Кино"}),
+              column("SELECT NAME || '|' || ARTIST FROM SONGS JOIN ARTISTS USING (ARTISTID) "
+                     "ORDER BY NAME"));
+    // Every song's folder with all its ancestors and nothing else; three
+    // entries and the saver's repeated last row.
+    EXPECT_EQ("11 6 7 6 5 4 13 ", counts());
+    EXPECT_EQ(Strings{}, dangling());
 
-    EXPECT_EQ(rows("SELECT NAME FROM SONGS ORDER BY NAME;"),
-              (std::vector<std::string>{"Ace \"of\" Spadës.mp3", "blue hour.m4a", "café noir.flac",
-                                        "copper.mp3", "iron.mp3", "old.mp3", "rain check.wma",
-                                        "random.m4a", "summer tape.wav", "truncated.flac",
-                                        "группа.mp3"}));
-    EXPECT_EQ(one("SELECT TITLE, TRACKIND, DISCNUM FROM SONGS WHERE NAME = 'truncated.flac';"),
-              "|1|1");
-    EXPECT_EQ(one("SELECT a.ARTIST FROM SONGS s JOIN ARTISTS a USING (ARTISTID) "
-                  "WHERE s.NAME = 'группа.mp3';"),
-              "Кино");
-    EXPECT_EQ(one("SELECT group_concat(ARTIST, ',') FROM (SELECT ARTIST FROM ARTISTS ORDER BY 1);"),
-              ",Lia Moreno,Motörhead,Nina Ferro Quartet,The Rusty Gears,Кино");
-    EXPECT_EQ(one("SELECT COUNT(*) FROM ALBUMS;"), "7");
-    EXPECT_EQ(one("SELECT group_concat(GENRE, ',') FROM (SELECT GENRE FROM GENRES ORDER BY 1);"),
-              ",Country,Jazz,Metal,Pop,Rock");
-    EXPECT_EQ(one("SELECT group_concat(COMPOSER, ',') FROM "
-                  "(SELECT COMPOSER FROM COMPOSERS ORDER BY 1);"),
-              ",Lemmy,Lia Moreno,Nina Ferro,Tom Hale");
-    // Every song's folder is stored with all its ancestors, and nothing else.
-    EXPECT_EQ(one("SELECT COUNT(*) FROM DIRECTORIES;"), "13");
-    EXPECT_EQ(one("SELECT (SELECT COUNT(*) FROM SONGS WHERE DIRECTORYID NOT IN (SELECT OBJECTID "
-                  "FROM DIRECTORIES)) + (SELECT COUNT(*) FROM DIRECTORIES WHERE PARENT_ID <> '' "
-                  "AND PARENT_ID NOT IN (SELECT OBJECTID FROM DIRECTORIES));"),
-              "0");
-    // Three entries and the saver's repeated last row, each naming its song.
-    EXPECT_EQ(one("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKID IN (SELECT OBJECTID FROM SONGS);"),
-              "4");
+    // Again, unchanged: nothing is written, nothing is modified.
+    const Strings before = indexDump(kDev, true);
+    EXPECT_EQ(QStringList(
+                  {"databaseExists dev " + mp, "crawlingFinished " + mp, "indexingFinished " + mp}),
+              index(usb));
+    EXPECT_EQ(before, indexDump(kDev, true));
 
-    // Second run of an unchanged tree: nothing is written, nothing is modified.
-    const auto before = allTables();
-    QStringList second = index();
-    EXPECT_EQ(second, QStringList({"databaseExists usb1 " + mp, "crawlingFinished " + mp,
-                                   "indexingFinished " + mp}));
-    EXPECT_EQ(allTables(), before);
+    // A touched file is read again, alone; no other row is written.
+    setMtime(tree.file("usb/Gears/Steam/copper.mp3"), 1000000000);
+    onFile = [this](const std::string&) { ++calls; };
+    EXPECT_TRUE(index(usb).contains("contentModified " + mp));
+    onFile = nullptr;
+    EXPECT_EQ(1, calls.load());
+    auto others = [](Strings rows) {
+        rows.erase(std::remove_if(rows.begin(), rows.end(),
+                                  [](auto& r) { return r.find("copper.mp3") != r.npos; }),
+                   rows.end());
+        return rows;
+    };
+    EXPECT_EQ(others(before), others(indexDump(kDev, true)));
+    EXPECT_EQ(Strings{"1000000000"},
+              column("SELECT LASTMODIFIED FROM SONGS WHERE NAME = 'copper.mp3'"));
 
-    // A touched file is read again, alone.
-    {
-        olvane::LogCapture cap;
-        setMtime(tree.file("usb/Gears/Steam/copper.mp3"), 1000000000);
-        QStringList third = index();
-        EXPECT_GE(third.count("contentModified " + mp), 1);
-        EXPECT_EQ(cap.countContaining("ChangeFinder-MSDSongs: Data to be added to db size: 1 "), 1);
-        EXPECT_EQ(cap.countContaining("MSDMiner for: 1 "), 1);
-    }
-    auto after = allTables();
-    EXPECT_EQ(after["ARTISTS"], before.at("ARTISTS"));
-    EXPECT_EQ(after["PLAYLISTS"], before.at("PLAYLISTS"));
-    EXPECT_EQ(one("SELECT LASTMODIFIED FROM SONGS WHERE NAME = 'copper.mp3';"), "1000000000");
-
-    // A deleted song takes its artist and its playlist entries with it.
-    ASSERT_EQ(::unlink(tree.file(kOddSong).c_str()), 0);
-    index();
-    EXPECT_EQ(one("SELECT COUNT(*) FROM SONGS;"), "10");
-    EXPECT_EQ(one("SELECT COUNT(*) FROM ARTISTS WHERE ARTIST = 'Motörhead';"), "0");
-    EXPECT_EQ(one("SELECT COUNT(*) FROM GENRES WHERE GENRE = 'Metal';"), "0");
-    EXPECT_EQ(one("SELECT COUNT(*) FROM PLAYLISTS;"), "3");
-    EXPECT_EQ(one("SELECT COUNT(*) FROM PLAYLISTS WHERE TRACKPATH LIKE '%Spad%';"), "0");
-    EXPECT_EQ(one("SELECT COUNT(*) FROM DIRECTORIES;"), "11");
-    EXPECT_EQ(DatabaseMgr::instance().getStatus("usb1", root), "OK");
+    // A deleted song takes its folders, lookup rows and playlist entries along.
+    ASSERT_EQ(0, ::unlink(tree.file("usb/" + odd).c_str()));
+    index(usb);
+    EXPECT_EQ("10 5 6 5 4 3 11 ", counts());
+    EXPECT_EQ(Strings{}, dangling());
+    EXPECT_EQ("OK", status(usb));
 }
 
 // Prioritising another device while one is indexed holds that work where it
 // is: once both are done, the held device's tables are those of a run that
-// nothing interrupted. The other device waits at its first directory until
-// the held stage has gone as far as it goes while paused.
+// nothing interrupted. The other device waits at its first folder until the
+// held stage has gone as far as it goes while paused.
 TEST_F(EndToEndTest, PrioritisingAnotherDeviceHoldsTheIndexingInHand) {
     std::vector<std::string> songs;
-    for (int d = 0; d < 20; ++d)
-        for (int s = 0; s < 100; ++s)
-            songs.push_back(
-                tree.copySample("gears-iron-road.mp3",
-                                "usb/d" + std::to_string(d) + "/" + std::to_string(s) + ".mp3"));
-    tree.write("usb/list.m3u", "d0/0.mp3\nd19/99.mp3\n");
-    const std::string other = tree.mkdir("other");
+    for (int s = 0; s < 2000; ++s)
+        songs.push_back(
+            tree.copySample("gears-iron-road.mp3",
+                            "usb/d" + std::to_string(s / 100) + "/" + std::to_string(s) + ".mp3"));
+    tree.write("usb/list.m3u", "d0/0.mp3\nd19/1999.mp3\n");
     tree.copySample("gears-copper-sky.mp3", "other/x.mp3");
-    scheduler.setPipelineFactory([this](kestrow::OperationType, kestrow::Kestrow* owner) {
-        Hold hold = nextHold;
-        nextHold = Hold();
-        return new HeldPipeline(owner, hold);
-    });
-    index();
-    const auto clean = allTables();
-    ASSERT_EQ(clean.at("SONGS").size(), 2000u);
+    const std::string usb = tree.file("usb"), other = tree.file("other");
+    const QString mp = QString::fromStdString(usb), otherMp = QString::fromStdString(other);
+    index(usb);
+    const Strings clean = indexDump(kDev);
+    ASSERT_EQ("2000 ", counts().substr(0, 5));
 
-    olvane::LogCapture cap;
     KestrowQTProxy& proxy = KestrowQTProxy::instance();
-    const QString mp = QString::fromStdString(root), otherMp = QString::fromStdString(other);
-    auto holdForOther = [&](Hold hold, Latch& forOther, std::function<bool()> settled) {
-        olvane::test::SignalLog sigs;
+    // `where` waits at `held` on its `at`-th call.
+    auto holdForOther = [&](Hook& where, int at, Latch& held, Latch& forOther,
+                            std::function<bool()> settled) {
+        SignalLog sigs;
         cap.clear();
-        nextHold = hold;
-        proxy.startIndexing("usb1", mp, true);
-        ASSERT_TRUE(waitFor([&] { return hold.latch->isReached(); }, 60000));
-        nextHold = Hold{Hold::CRAWL, 1, &forOther};
-        proxy.startIndexing("usb2", otherMp, true);
-        proxy.prioritizeMsdDevice("usb2", otherMp);
+        calls = 0;
+        where = [this, at, &held](const std::string&) {
+            if (++calls == at)
+                held.wait();
+        };
+        proxy.startIndexing("dev", mp, true);
+        where = nullptr;
+        ASSERT_TRUE(waitFor([&] { return held.isReached(); }, 60000));
+        onDirectory = [&forOther](const std::string&) { forOther.wait(); };
+        proxy.startIndexing("other", otherMp, true);
+        onDirectory = nullptr;
+        proxy.prioritizeMsdDevice("other", otherMp);
         ASSERT_TRUE(waitFor([&] { return forOther.isReached(); }));
-        hold.latch->release();
+        held.release();
         ASSERT_TRUE(waitFor(settled));
         forOther.release();
         EXPECT_TRUE(waitFor(
@@ -335,34 +280,26 @@ TEST_F(EndToEndTest, PrioritisingAnotherDeviceHoldsTheIndexingInHand) {
                        scheduler.registeredCount() == 0;
             },
             60000));
-        EXPECT_EQ(DatabaseMgr::instance().getStatus("usb1", root), "OK");
-    };
-    auto expectSame = [](const auto& want, const auto& got) {
-        for (const auto& [table, rows] : want) {
-            EXPECT_EQ(rows.size(), got.at(table).size()) << table;
-            EXPECT_TRUE(rows == got.at(table)) << table;
-        }
+        EXPECT_EQ("OK", status(usb));
     };
 
-    // In the middle of the walk: before the 11th of 21 directories.
-    holdForOther({Hold::CRAWL, 11, &latches[0]}, latches[1], [&] {
+    // In the middle of the walk: before the 11th of 21 folders.
+    holdForOther(onDirectory, 11, latches[0], latches[1], [&] {
         return cap.contains("MSDCrawler held while paused") || cap.contains("MSDCrawler timer");
     });
-    expectSame(clean, allTables());
+    EXPECT_EQ("", dumpDifference(clean, indexDump(kDev)));
 
     // Every song changed, so all are read again: inside the miner's pass over
-    // the second of four batches.
+    // the second of four batches of 500, which it finishes while paused.
     for (const std::string& song : songs)
         setMtime(song, 1000000000);
-    holdForOther({Hold::MINE, 2, &latches[2]}, latches[3], [&] { return latches[2].workDone(); });
-    const auto held = allTables();
+    holdForOther(onFile, 600, latches[2], latches[3], [&] { return calls >= 1000; });
+    const Strings held = indexDump(kDev);
     TempDir cleanDb;
     DatabaseMgr::instance().setDatabaseDirectory(cleanDb.path());
-    index();
-    expectSame(allTables(), held);
+    index(usb);
+    EXPECT_EQ("", dumpDifference(indexDump(kDev), held));
 }
-
-}  // namespace
 
 // Two threads send 200 requests and prioritisations for five devices while
 // they are indexed: nothing hangs, all ends in bounded time, every request
@@ -378,8 +315,7 @@ TEST_F(EndToEndTest, ARequestStormEndsWithEveryDeviceIndexedCleanly) {
         tree.write(dev + "/list.m3u", "f0/0.mp3\nf2/29.mp3\n");
         mounts.push_back(tree.file(dev));
     }
-    olvane::LogCapture cap;
-    olvane::test::SignalLog sigs;
+    SignalLog sigs;
     KestrowQTProxy& proxy = KestrowQTProxy::instance();
     std::atomic<int> requests[5] = {}, senders{2};
     auto send = [&](unsigned seed) {
@@ -412,20 +348,227 @@ TEST_F(EndToEndTest, ARequestStormEndsWithEveryDeviceIndexedCleanly) {
     TempDir cleanDb;
     for (int d = 0; d < 5; ++d) {
         SCOPED_TRACE(mounts[d]);
-        const QString id = QString("storm%1").arg(d), mp = QString::fromStdString(mounts[d]);
-        EXPECT_GE(sigs.entries.count("indexingFinished " + mp) +
-                      cap.countContaining("Stopping " + id.toStdString() + " type 0 handle 0 mp " +
-                                          mounts[d] + " pipe "),
+        const std::string id = "storm" + std::to_string(d);
+        EXPECT_GE(sigs.entries.count("indexingFinished " + QString::fromStdString(mounts[d])) +
+                      cap.countContaining("Stopping " + id + " type 0 handle 0 mp " + mounts[d] +
+                                          " pipe "),
                   requests[d].load());
         DatabaseMgr::instance().setDatabaseDirectory(dbDir.path());
-        const auto stormed = olvane::test::indexDump(id.toStdString());
-        EXPECT_EQ("OK", DatabaseMgr::instance().getStatus(id.toStdString(), mounts[d]));
+        const Strings stormed = indexDump(id);
+        EXPECT_EQ("OK", status(mounts[d], id));
         DatabaseMgr::instance().setDatabaseDirectory(cleanDb.path());
-        olvane::test::SignalLog one;
-        proxy.startIndexing(id, mp, true);
-        ASSERT_TRUE(waitFor([&] { return one.entries.contains("indexingFinished " + mp); }));
-        ASSERT_TRUE(waitFor([&] { return scheduler.registeredCount() == 0; }));
-        EXPECT_EQ("",
-                  olvane::test::dumpDifference(olvane::test::indexDump(id.toStdString()), stormed));
+        index(mounts[d], true, id);
+        EXPECT_EQ("", dumpDifference(indexDump(id), stormed));
     }
+}
+
+// Partitions of one device, each name a prefix, a LIKE pattern or a sibling
+// of the next; one would end the SQL text it was pasted into; some are in
+// other scripts, as is the device id. Each keeps its rows when any is indexed
+// again, and the signals carry the names unchanged.
+TEST_F(EndToEndTest, EachPartitionKeepsItsOwnRows) {
+    const Strings names = {"usb1",   "usb1-2", "usb1 (2)",
+                           "usb10",  "a_b",    "aXb",
+                           "100%",   "100x",   "it's \"x\"; DROP TABLE SONGS; --",
+                           "Música", "Музыка", "音楽 USB"};
+    const std::string dev = "Gerät";
+    auto paths = [&] {  // of songs, folders and playlists
+        return dbColumn(dev,
+                        "SELECT PATH FROM SONGS UNION SELECT PATH FROM DIRECTORIES UNION "
+                        "SELECT PLAYPATH FROM PLAYLISTS ORDER BY 1");
+    };
+    // Indexes partition `i`; the first time it gets a song and a playlist
+    // naming it (below a '%' the playlist miner would find no entry).
+    auto signalsOf = [&](size_t i, bool again) {
+        const std::string relative = "x/" + names[i];
+        if (!again) {
+            tree.copySample("gears-iron-road.mp3", relative + "/f/s.mp3");
+            if (names[i].find('%') == std::string::npos)
+                tree.write(relative + "/l.m3u", "f/s.mp3\n");
+        }
+        const QString mp = QString::fromStdString(tree.file(relative));
+        QStringList got = index(tree.file(relative), i == 0 && !again, dev),
+                    want = {"crawlingFinished " + mp, "indexingFinished " + mp,
+                            again ? "databaseExists " + QString::fromStdString(dev) + " " + mp
+                                  : "contentModified " + mp};
+        got.removeDuplicates();  // branches may each report a change
+        got.sort();
+        want.sort();
+        EXPECT_EQ(want, got) << names[i];
+    };
+    for (size_t i = 0; i < names.size(); ++i)
+        signalsOf(i, false);
+    const Strings rows = paths();
+    ASSERT_EQ(12u * 3 + 11, rows.size());  // two folders and a song each, eleven playlists
+    for (size_t i = 0; i < names.size(); ++i) {
+        signalsOf(i, true);
+        EXPECT_EQ(rows, paths()) << names[i];
+    }
+}
+
+// A simulated phone: songs, folders and playlist entries by OBJECTID; again
+// unchanged, no song row is written; unplugged in the middle of the folder
+// listing (also when announced ready just after the unplug), or with a
+// catalogue that cannot be loaded, the three chains get blocks marked
+// deviceGone and the last complete index stays; a phone with playlists and no
+// tracks is indexed too.
+TEST_F(EndToEndTest, IndexesAPhoneAndKeepsItsRowsWhenItGoesAway) {
+    phoneFolder = makePhoneTree(tree);
+    const QStringList first = indexPhone();
+    EXPECT_EQ(1, first.count("crawlingFinished " + kPhone));
+    EXPECT_TRUE(first.contains("contentModified " + kPhone));
+    EXPECT_EQ("OK", phoneStatus());
+    // No Ogg, no hidden file, nothing of the top-level DCIM.
+    EXPECT_EQ(Strings({"Phone/Music/Gears/copper.mp3|Copper Sky|Rock",
+                       "Phone/Music/Gears/iron.mp3|Iron Road|Rock",
+                       "Phone/Music/Jazz/blue.m4a|Blue Hour|Jazz"}),
+              dbColumn("phone1",
+                       "SELECT s.PATH || '|' || s.TITLE || '|' || g.GENRE FROM SONGS s "
+                       "JOIN GENRES g USING (GENREID) ORDER BY 1;"));
+    EXPECT_EQ(Strings({"Phone", "Phone/Music", "Phone/Music/Gears", "Phone/Music/Jazz"}),
+              dbColumn("phone1", "SELECT PATH FROM DIRECTORIES ORDER BY 1;"));
+    // Entries name their songs by OBJECTID; those of songs not indexed are gone.
+    EXPECT_EQ(Strings({"Best|copper.mp3", "Road|blue.m4a", "Road|iron.mp3"}),
+              dbColumn("phone1",
+                       "SELECT DISTINCT p.PLAYNAME || '|' || s.NAME FROM PLAYLISTS p "
+                       "LEFT JOIN SONGS s ON p.TRACKID = s.OBJECTID ORDER BY 1;"));
+
+    // Folders and playlists are written again on every run, songs are not.
+    const Strings songs = dbColumn("phone1", "SELECT ID || PATH FROM SONGS ORDER BY 1"),
+                  complete = indexDump("phone1");
+    EXPECT_EQ("databaseExists phone1 " + kPhone, indexPhone().first());
+    EXPECT_EQ(songs, dbColumn("phone1", "SELECT ID || PATH FROM SONGS ORDER BY 1"));
+    EXPECT_EQ("", dumpDifference(complete, indexDump("phone1")));
+    EXPECT_EQ("OK", phoneStatus());
+
+    const Strings kept = indexDump("phone1", true);
+    SimulatedDevice::Faults unplugged, noCatalogue;
+    unplugged.unplugAfter = 6;
+    noCatalogue.busyFirst[SimulatedDevice::GET_NUM_ELEMENTS] = 1;
+    const portolan::DeviceTable::UnplugHook lateAnnouncement = [](t_handle h) {
+        kestrow::MtpDevice::instance().disconnectDevice(h);
+        kestrow::MtpDevice::instance().setDeviceReady(h);
+    };
+    for (int i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        indexPhone(i == 2 ? noCatalogue : unplugged, i == 1 ? lateAnnouncement : nullptr);
+        EXPECT_EQ(2, cap.countContaining("device gone, nothing compared"));
+        EXPECT_EQ(1, cap.countContaining("device gone, folders not saved"));
+        EXPECT_EQ(i == 2 ? 1 : 0, cap.count("loadData Failed"));
+        EXPECT_EQ("PROGRESS", phoneStatus());
+        EXPECT_EQ("", dumpDifference(kept, indexDump("phone1", true)));
+    }
+
+    tree.write("lists/A.m3u", "none.mp3\n");
+    tree.write("lists/B.m3u", "");
+    phoneFolder = tree.file("lists");
+    TempDir db;
+    DatabaseMgr::instance().setDatabaseDirectory(db.path());
+    indexPhone();
+    EXPECT_EQ(1, cap.countContaining("MtpMiner for: 0 (op: "));
+    EXPECT_EQ(1, cap.countContaining("MtpPlaylistMiner for: 2 (op: "));
+    EXPECT_EQ(1, cap.count("MtpDirectorySaver for: 0"));
+    EXPECT_EQ("OK", phoneStatus());
+}
+
+// The device goes away before the walk or before a song is read, in each of
+// the ways a stick leaves: removed, renamed away, or unmounted with its mount
+// point folder kept (a tmpfs, detached as `umount -l` does). The indexing
+// ends "PROGRESS" with nothing deleted, and once the tree is back the next
+// indexing gives the tables of a clean index.
+TEST_F(EndToEndTest, AVanishedDeviceKeepsItsRowsAndComesBackWhole) {
+    for (int s = 0; s < 12; ++s)
+        tree.copySample("gears-iron-road.mp3",
+                        "tree/d" + std::to_string(s / 4) + "/" + std::to_string(s) + ".mp3");
+    tree.write("tree/list.m3u", "d0/0.mp3\nd1/5.mp3\nd2/10.mp3\n");
+    const std::string usb = tree.file("usb");
+    enum Way { REMOVED, RENAMED, UNMOUNTED } way = REMOVED;
+    // A fresh copy of the tree at the mount point, on a tmpfs of its own when
+    // it is to be unmounted.
+    auto place = [&] {
+        ::umount2(usb.c_str(), MNT_DETACH);
+        std::filesystem::remove_all(usb + ".away");
+        std::filesystem::remove_all(usb);
+        std::filesystem::create_directory(usb);
+        return (way != UNMOUNTED || ::mount("tmpfs", usb.c_str(), "tmpfs", 0, "size=8m") == 0) &&
+               QProcess::execute("cp", {"-a", tree.file("tree/.").c_str(), usb.c_str()}) == 0;
+    };
+    ASSERT_TRUE(place());
+    index(usb);
+    const Strings clean = indexDump(kDev);
+    auto vanish = [&](const std::string&) {  // at the `calls`-th folder or song
+        if (calls <= 0 || --calls != 0)
+            return;
+        if (way == REMOVED)
+            std::filesystem::remove_all(usb);
+        else if (way == RENAMED)
+            std::filesystem::rename(usb, usb + ".away");
+        else
+            EXPECT_EQ(0, ::umount2(usb.c_str(), MNT_DETACH)) << std::strerror(errno);
+    };
+    for (Way w : {REMOVED, RENAMED, UNMOUNTED}) {
+        for (bool inMiner : {false, true}) {
+            way = w;
+            SCOPED_TRACE(std::to_string(w) + (inMiner ? " while mining" : " before the walk"));
+            if (!place())
+                GTEST_SKIP() << "unmounting needs a tmpfs, which needs root: "
+                             << std::strerror(errno);
+            TempDir db;
+            DatabaseMgr::instance().setDatabaseDirectory(db.path());
+            if (!inMiner)
+                index(usb);
+            const Strings before = inMiner ? Strings() : indexDump(kDev);
+            // While mining: after some songs were saved, so that the playlist
+            // keeps the entries that name them.
+            calls = inMiner ? 6 : 1;
+            (inMiner ? onFile : onDirectory) = vanish;
+            index(usb);
+            onFile = onDirectory = nullptr;
+            EXPECT_EQ("PROGRESS", status(usb));
+            EXPECT_EQ("", inMiner ? "" : dumpDifference(before, indexDump(kDev)));
+            ASSERT_TRUE(place());
+            index(usb);
+            EXPECT_EQ("", dumpDifference(clean, indexDump(kDev)));
+            EXPECT_EQ("OK", status(usb));
+        }
+    }
+    ::umount2(usb.c_str(), MNT_DETACH);
+}
+
+// A song that cannot be read when the miner comes to it (here: gone, while
+// the device stays) gets a row that the next indexing reads again, instead of
+// an empty row kept for good; the playlist entry naming it stays meanwhile.
+// Then writes that fail are logged with the database's message: both change
+// finders, the folder, song and playlist savers end transactions undone.
+TEST_F(EndToEndTest, UnreadSongsAreReadAgainAndFailedWritesLogged) {
+    tree.copySample("gears-iron-road.mp3", "usb/f/s.mp3");
+    tree.write("usb/l.m3u", "f/s.mp3\n");
+    const std::string usb = tree.file("usb"), song = usb + "/f/s.mp3";
+    onFile = [&](const std::string& path) {
+        if (path == song)
+            std::filesystem::rename(song, tree.file("kept.mp3"));
+    };
+    index(usb);
+    onFile = nullptr;
+    std::filesystem::rename(tree.file("kept.mp3"), song);
+    EXPECT_EQ(Strings{""}, column("SELECT TITLE FROM SONGS"));
+    EXPECT_EQ(Strings{song}, column("SELECT DISTINCT TRACKPATH FROM PLAYLISTS"));
+    index(usb);
+    EXPECT_EQ(Strings{"Iron Road"}, column("SELECT TITLE FROM SONGS"));
+    EXPECT_EQ(Strings{song}, column("SELECT DISTINCT TRACKPATH FROM PLAYLISTS"));
+    EXPECT_EQ("OK", status(usb));
+
+    // Stale rows for both change finders; every write undoes its transaction,
+    // so each stage's "END TRANSACTION;" finds none to end.
+    tree.copySample("gears-copper-sky.mp3", "usb/g/new.mp3");
+    tree.write("usb/new.m3u", "g/new.mp3\n");
+    column("INSERT INTO SONGS (PATH) VALUES ('" + usb + "/gone.mp3');" +
+           "INSERT INTO PLAYLISTS (PLAYPATH, PLAYID) VALUES ('" + usb + "/gone.m3u', 'p');");
+    for (const char* on : {"DELETE ON SONGS", "DELETE ON PLAYLISTS", "INSERT ON SONGS",
+                           "INSERT ON PLAYLISTS", "INSERT ON DIRECTORIES"})
+        column(std::string("CREATE TRIGGER '") + on + "' BEFORE " + on +
+               " BEGIN SELECT RAISE(ROLLBACK, 'no'); END;");
+    cap.clear();
+    index(usb);
+    EXPECT_EQ(5, cap.count("exec failed: 1 cannot commit - no transaction is active"));
 }

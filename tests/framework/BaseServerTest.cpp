@@ -1,30 +1,94 @@
-#include "framework/BaseServer.h"
-
-#include <gtest/gtest.h>
-
+// The stage framework: queues, pausing, stopping, failed passes, pipelines,
+// blocks and the scheduler's order of operations.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <random>
+#include <stdexcept>
 #include <thread>
 
-#include "tests/framework/TestStages.h"
-#include "tests/support/Wait.h"
+#include "framework/KestrowOperation.h"
+#include "framework/Pipeline.h"
+#include "tests/support/Testing.h"
 
 using namespace kestrow;
-using namespace kestrow::test;
-using olvane::test::waitFor;
+using namespace olvane::test;
+
+namespace {
+
+struct Rec {  // counts its destructions
+    ~Rec() { ++*destroyed; }
+    std::atomic<int>* destroyed;
+};
+using RecBlock = Block<Rec*>;
+using Token = Block<void>;
+
+boost::shared_ptr<RecBlock> recs(int id, bool last, int n, std::atomic<int>& freed) {
+    auto b = makeBlock<Rec>(testOperation("/media/usb", last, id));
+    for (int i = 0; i < n; ++i)
+        b->items.push_back(new Rec{&freed});
+    return b;
+}
+
+// A stage running the test's function; without one it keeps every block it
+// receives (see got()) and sends it on. `completed`: read it after join().
+template <class T>
+struct Stage : Server<T, T> {
+    using Fn = std::function<boost::shared_ptr<T>(Stage&, boost::shared_ptr<T>)>;
+    explicit Stage(const char* name_, Fn fn_ = nullptr, BaseServer<T>* next_ = nullptr)
+        : Server<T, T>(name_, next_), fn(std::move(fn_)) {}
+    boost::shared_ptr<T> doOperation(boost::shared_ptr<T> in) override {
+        if (fn)
+            return fn(*this, in);
+        std::lock_guard<std::mutex> lock(mutex_);
+        got_.push_back(in);
+        return in;
+    }
+    void signalCompletion(const Operation& op) override { completed.push_back(op.id); }
+    std::vector<boost::shared_ptr<T>> got() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return got_;
+    }
+    void setCapacity(int n) { this->capacity = n; }
+    Fn fn;
+    std::vector<int> completed;
+    std::mutex mutex_;
+    std::vector<boost::shared_ptr<T>> got_;
+};
+
+void launchAndStart(std::initializer_list<Runnable*> stages) {
+    for (Runnable* r : stages)
+        r->launch(), r->start();
+}
+void stopAndJoin(std::initializer_list<Runnable*> stages) {
+    for (Runnable* r : stages)
+        r->stop(), r->join();
+}
+// "function: message" of the captured lines containing `part` there.
+Strings linesWith(const olvane::LogCapture& cap, const std::string& part) {
+    Strings out;
+    for (const auto& l : cap.lines())
+        if ((l.function + ": " + l.message).find(part) != std::string::npos)
+            out.push_back(l.function + ": " + l.message);
+    return out;
+}
+
+}  // namespace
 
 // The stage starts paused: it takes nothing until start(), and the 101st
-// block waits for room in the full queue.
-TEST(BaseServerTest, FullPausedQueueHoldsProducerUntilStartAndKeepsOrder) {
-    PassStage sink("Sink");
-    PassStage stage("Worker", nullptr, &sink);
+// block waits for room in the full queue. Paused again, it keeps what comes;
+// stop() drops that with its records and wakes run loops waiting in pop(),
+// paused or running. A stage's lines carry its name before the function.
+TEST(BaseServerTest, QueueHoldsAProducerWhileFullAndStopDropsWhatIsQueued) {
+    std::atomic<int> destroyed{0};
+    olvane::LogCapture cap;
+    Stage<RecBlock> sink("Sink"), stage("Holder", nullptr, &sink);
     launchAndStart({&sink});
     stage.launch();
-    std::vector<boost::shared_ptr<Token>> sent;
+    std::vector<boost::shared_ptr<RecBlock>> sent;
     for (int id = 0; id <= 100; ++id)
-        sent.push_back(block(id));
+        sent.push_back(recs(id, true, 1, destroyed));
     for (int i = 0; i < 100; ++i)
         stage.enqueue(sent[i]);
     std::atomic<bool> done{false};
@@ -34,55 +98,27 @@ TEST(BaseServerTest, FullPausedQueueHoldsProducerUntilStartAndKeepsOrder) {
     });
     EXPECT_FALSE(waitFor([&] { return done.load(); }, 200));
     EXPECT_TRUE(stage.got().empty());
-
     stage.start();
     producer.join();
-    ASSERT_TRUE(waitFor([&] { return sink.got().size() == 101; }));
+    EXPECT_TRUE(waitFor([&] { return sink.got().size() == 101; }));
     EXPECT_EQ(sent, sink.got());
-    stopAndJoin({&stage, &sink});
-}
 
-// stop() wakes run loops waiting in pop(), paused or running, and drops what
-// is queued with its records. A stage's lines carry its name before the function.
-TEST(BaseServerTest, StopDropsQueuedBlocksAndEndsTheRunLoop) {
-    std::atomic<int> destroyed{0};
-    olvane::LogCapture cap;
-    Stage<RecBlock> paused("Holder");
-    PassStage running("Running");
-    paused.launch();
-    launchAndStart({&running});
+    stage.pause();
     for (int id = 1; id <= 3; ++id)
-        paused.enqueue(block<RecBlock>(id, true, 2, &destroyed));
-    stopAndJoin({&paused, &running});
+        stage.enqueue(recs(id, true, 2, destroyed));
+    stopAndJoin({&stage, &sink});
     EXPECT_EQ(6, destroyed);
-    EXPECT_EQ(std::vector<std::string>({"Holder::stop: Holder stop DELETING 3",
-                                        "Holder::stop: Holder stop DELETING 2",
-                                        "Holder::stop: Holder stop DELETING 1"}),
-              linesWith(cap, "DELETING"));
-    EXPECT_TRUE(paused.got().empty() && running.got().empty());
-    paused.enqueue(block<RecBlock>(9, true, 1, &destroyed));  // refused and freed
+    EXPECT_EQ(3u, linesWith(cap, "Holder::stop: Holder stop DELETING").size());
+    EXPECT_EQ(101u, stage.got().size());
+    stage.enqueue(recs(9, true, 1, destroyed));  // refused and freed
     EXPECT_EQ(7, destroyed);
 }
 
-namespace {
-
-// A pass-through stage whose queue holds two blocks, so that a short flood
-// fills every queue of a chain.
-struct Narrow : Stage<RecBlock> {
-    Narrow(const char* name_, BaseServer<RecBlock>* next_)
-        : Stage<RecBlock>(
-              name_, [](Stage<RecBlock>&, boost::shared_ptr<RecBlock> in) { return in; }, next_) {
-        capacity = 2;
-    }
-};
-
-}  // namespace
-
-// A producer floods a -> b -> c while stages run, wait paused or block on a
-// full successor; another thread stops them (one twice) at random moments
-// while this one joins them, and one is stopped again after all have ended.
-// A round that does not end within the watchdog's bound aborts the test.
-// Every block is freed once all have ended.
+// A producer floods a -> b -> c (queues of two) while stages run, wait paused
+// or block on a full successor; another thread stops them (one twice) at
+// random moments while this one joins them, and one is stopped again after
+// all have ended. A round that does not end within the watchdog's bound
+// aborts the test. Every block is freed once all have ended.
 TEST(BaseServerTest, StoppingAtAnyMomentNeverHangsTheChainNorKeepsBlocks) {
     std::atomic<int> rounds{0};
     std::thread chains([&] {
@@ -92,18 +128,20 @@ TEST(BaseServerTest, StoppingAtAnyMomentNeverHangsTheChainNorKeepsBlocks) {
             for (volatile unsigned y = r() % 4000; y > 0; y = y - 1) {
             }
         };
+        auto pass = [](Stage<RecBlock>&, boost::shared_ptr<RecBlock> in) { return in; };
         for (; rounds < 1000; ++rounds) {
             std::atomic<int> made{0}, freed{0};
-            Narrow c("C", nullptr), b("B", &c), a("A", &b);
-            Runnable* stages[] = {&a, &b, &c};
-            for (Runnable* s : stages) {
+            Stage<RecBlock> c("C", pass), b("B", pass, &c), a("A", pass, &b);
+            Stage<RecBlock>* stages[] = {&a, &b, &c};
+            for (Stage<RecBlock>* s : stages) {
+                s->setCapacity(2);
                 s->launch();
                 if (pick(3))
                     s->start();
             }
             std::thread producer([&] {
                 for (int i = 0; i < 12; ++i, ++made)
-                    a.enqueue(block<RecBlock>(i, false, 1, &freed));
+                    a.enqueue(recs(i, false, 1, freed));
             });
             std::vector<int> stopOrder = {0, 1, 2, pick(3)}, joinOrder = {0, 1, 2};
             std::shuffle(stopOrder.begin(), stopOrder.end(), rng);
@@ -131,4 +169,108 @@ TEST(BaseServerTest, StoppingAtAnyMomentNeverHangsTheChainNorKeepsBlocks) {
         }
     }
     chains.join();
+}
+
+// Blocks 1 (completing), 2, 10 and 11 (completing) through a stage; ids from
+// 10 pause it during their pass, and it is started again once 10 has gone on.
+// Running or paused, every result goes on and completing ones are signalled.
+// A failing pass sends the operation on as an empty block, unsignalled.
+TEST(BaseServerTest, PausedStageHandsEveryResultOnAndFailuresSendEmptyOnes) {
+    for (const bool fail : {false, true}) {
+        SCOPED_TRACE(fail ? "failing" : "passing");
+        std::atomic<int> destroyed{0};
+        Stage<RecBlock> sink("Sink");
+        Stage<RecBlock> stage(
+            "Stage",
+            [&](Stage<RecBlock>& self, boost::shared_ptr<RecBlock> in) {
+                if (in->operation.id >= 10)
+                    self.pause();
+                if (fail) {
+                    in->operation.deviceGone = true;
+                    throw std::runtime_error("bad tag");
+                }
+                return in;
+            },
+            &sink);
+        launchAndStart({&sink, &stage});
+        for (int id : {1, 2, 10})
+            stage.enqueue(recs(id, id == 1, 1, destroyed));
+        EXPECT_TRUE(waitFor([&] { return sink.got().size() == 3; }));
+        stage.start();
+        stage.enqueue(recs(11, true, 1, destroyed));
+        EXPECT_TRUE(waitFor([&] { return sink.got().size() == 4; }));
+        stopAndJoin({&stage, &sink});
+        std::vector<int> ids;
+        for (const auto& b : sink.got()) {
+            ids.push_back(b->operation.id);
+            EXPECT_EQ(fail, b->items.empty() && b->operation.deviceGone);
+            EXPECT_EQ(b->operation.id == 1 || b->operation.id == 11, b->operation.lastBlock);
+            EXPECT_EQ("/media/usb", b->operation.mountPoint);
+        }
+        EXPECT_EQ(std::vector<int>({1, 2, 10, 11}), ids);
+        EXPECT_EQ(fail ? std::vector<int>() : std::vector<int>({1, 11}), stage.completed);
+        EXPECT_EQ(fail ? 4 : 0, destroyed);
+    }
+}
+
+// C1 -> C2 -> pipeline -> sink carries a token through unchanged; C3 stands
+// alone and a null child is skipped.
+TEST(BaseServerTest, PipelinePassesTokensJoinsChildrenLastToFirstAndDeletesThemOnce) {
+    olvane::LogCapture cap;
+    Stage<Token> sink("Sink");
+    auto* pipe = new Pipeline<Token, Token>("Pipe", &sink);
+    auto* c2 = new Stage<Token>("C2", nullptr, pipe);
+    auto* c1 = new Stage<Token>("C1", nullptr, c2);
+    pipe->children = {c1, nullptr, c2, new Stage<Token>("C3")};
+    launchAndStart({&sink, pipe});
+    boost::shared_ptr<Token> token = makeToken(testOperation());
+    c1->enqueue(token);
+    ASSERT_TRUE(waitFor([&] { return sink.got().size() == 1; }));
+    EXPECT_EQ(token.get(), sink.got()[0].get());
+    stopAndJoin({pipe, &sink});
+    EXPECT_EQ(Strings({"Pipe::join: Pipe joined", "C3::join: C3 joined", "C2::join: C2 joined",
+                       "C1::join: C1 joined", "Sink::join: Sink joined"}),
+              linesWith(cap, " joined"));
+    EXPECT_TRUE(linesWith(cap, "~BaseServer").empty());
+    delete pipe;
+    EXPECT_EQ(Strings({"C1::~BaseServer: ~BaseServer", "C2::~BaseServer: ~BaseServer",
+                       "C3::~BaseServer: ~BaseServer", "Pipe::~BaseServer: ~BaseServer"}),
+              linesWith(cap, "~BaseServer"));
+}
+
+TEST(BaseServerTest, BlockDeletesItsRecordsOnceAndSparesMovedOnes) {
+    std::atomic<int> destroyed{0};
+    boost::shared_ptr<RecBlock> from = recs(1, true, 3, destroyed);
+    from->items.insert(from->items.begin() + 1, nullptr);
+    boost::shared_ptr<RecBlock> to(new RecBlock);
+    to->items.push_back(from->items[2]);  // moved out
+    from->items[2] = nullptr;
+    from->operation.deviceGone = true, from->operation.handle = 7;
+    const Operation copy(from->operation);
+    EXPECT_TRUE(copy.id == 1 && copy.handle == 7 && copy.lastBlock && copy.deviceGone &&
+                copy.deviceId == "dev1");
+    boost::shared_ptr<RecBlock> alias = from;
+    from.reset();
+    EXPECT_EQ(0, destroyed);
+    alias.reset();
+    EXPECT_EQ(2, destroyed);
+    to.reset();
+    EXPECT_EQ(3, destroyed);
+}
+
+TEST(BaseServerTest, OperationsOrderByHandleDeviceMountPointThenId) {
+    const std::vector<KestrowOperation> ordered{
+        KestrowOperation(0, "de", "/z", 9),         KestrowOperation(0, "dev", "/media", 9),
+        KestrowOperation(0, "dev", "/media/b", -2), KestrowOperation(0, "dev", "/media/b", 3),
+        KestrowOperation(0, "dev", "/media/b", 10), KestrowOperation(0, "\xc3\xa9", "/a", 0),
+        KestrowOperation(1, "a", "/a", 0),  // the handle decides first
+    };
+    for (size_t i = 0; i + 1 < ordered.size(); ++i) {
+        EXPECT_TRUE(ordered[i] < ordered[i + 1]) << i;
+        EXPECT_FALSE(ordered[i + 1] < ordered[i]) << i;
+    }
+    KestrowOperation same(0, "dev", "/media/b", 3);  // counters are not part of the key
+    same.resultCount = 5;
+    same.incomplete = true;
+    EXPECT_FALSE(same < ordered[3] || ordered[3] < same);
 }

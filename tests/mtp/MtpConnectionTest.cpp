@@ -1,25 +1,31 @@
+// The connection to a phone through the device-access library, and the
+// stages built on it: the miners and the folder saver.
 #include "mtp/MtpConnection.h"
 
-#include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <QSignalSpy>
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
-#include <string>
-#include <vector>
 
+#include "facade/KestrowQTProxy.h"
 #include "mtp/MtpConnectionImpl.h"
 #include "mtp/MtpDirectory.h"
+#include "mtp/MtpDirectorySaver.h"
+#include "mtp/MtpMiner.h"
+#include "mtp/MtpPlaylistMiner.h"
 #include "platform/common/MetaDataInfo.h"
-#include "platform/log/LogCapture.h"
 #include "platform/mtputils/MtpUtils.h"
 #include "playlist/Playlist.h"
 #include "tests/support/SimulatedPhone.h"
+#include "tests/support/Testing.h"
 
+using kestrow::FileInfo;
 using kestrow::MtpConnection;
+using olvane::test::dbColumn;
+using olvane::test::Strings;
 using portolan::SimulatedDevice;
 using Impl = kestrow::MtpConnection::Impl;
-using Strings = std::vector<std::string>;
 
 namespace {
 
@@ -28,12 +34,6 @@ const t_handle kHandle = 61;
 std::vector<unsigned> gSleeps;  // every pause asked for, in microseconds
 long pauses(unsigned us) {
     return std::count(gSleeps.begin(), gSleeps.end(), us);
-}
-
-void release(t_playlist_items_list& list) {
-    for (unsigned i = 0; i < list.count; ++i)
-        free(list.items[i].name);
-    free(list.items);
 }
 
 // Object numbers of the phone: Phone 1, DCIM 2, Music 5, Music/DCIM 8, Gears 10, Jazz 13.
@@ -57,6 +57,31 @@ protected:
         return MtpUtils::getObjectIdForMtpTrack(id(rawPath), "phone");
     }
     bool known(const std::string& rawPath) { return !phone->device->rawPath(id(rawPath)).empty(); }
+    // A block of op `op` naming the objects at `paths`.
+    boost::shared_ptr<kestrow::Block<FileInfo*>> files(int op, const Strings& paths) {
+        auto in = olvane::test::makeBlock<FileInfo>(
+            kestrow::Operation(op, kHandle, "phone", "mtp-folder://phone", true));
+        for (const std::string& path : paths)
+            in->items.push_back(new FileInfo(path, id(path), 0));
+        return in;
+    }
+    // Mines copper, iron and blue, after one listing of Gears (Jazz is never
+    // listed): each song then takes six calls. Titles, or "null".
+    std::string mine(const SimulatedDevice::Faults& faults, bool* gone = nullptr) {
+        plugIn(faults);
+        olvane::test::ItemList list;
+        Access_GetItems(kHandle, {2, int32_t(id("Phone/Music/Gears")), 1}, 8, 0, 9, list);
+        auto out =
+            kestrow::MtpMiner("MtpMiner")
+                .doOperation(files(5, {"Phone/Music/Gears/copper.mp3", "Phone/Music/Gears/iron.mp3",
+                                       "Phone/Music/Jazz/blue.m4a"}));
+        if (gone)
+            *gone = out->operation.deviceGone;
+        std::string titles;
+        for (const MetaDataInfo* song : out->items)
+            titles += (song ? song->title : "null") + "|";
+        return titles;
+    }
 
     olvane::test::TempDir dir;
     std::string folder, deviceId = "phone";
@@ -64,24 +89,6 @@ protected:
     Impl impl{kHandle, deviceId};
     olvane::LogCapture cap;
 };
-
-TEST_F(MtpConnectionTest, StatusTexts) {
-    const std::pair<t_status, const char*> table[] = {{-1, "STATUS NOT OK!"},
-                                                      {-2, "STATUS NOT SUPPORTED!"},
-                                                      {-3, "STATUS NOT OK BAD HANDLE!"},
-                                                      {-4, ": STATUS NOT OK GENERIC PLUGIN ERROR!"},
-                                                      {-5, "STATUS NOT OK PLUGIN NOT INITIALIZED!"},
-                                                      {-7, "UNKNOWN ERROR!"}};
-    for (const auto& [status, text] : table)
-        impl.checkStatus("Access_GetTrackGenre", status);
-    ASSERT_EQ(6u, cap.lines().size());
-    for (size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(
-            std::string(" - Fail to invoke method: Access_GetTrackGenre . - ") + table[i].second,
-            cap.lines()[i].message);
-        EXPECT_EQ(DLT_LOG_INFO, cap.lines()[i].level);
-    }
-}
 
 TEST_F(MtpConnectionTest, BusyLibraryIsAskedAgainOnceASecondUpTo80Times) {
     SimulatedDevice::Faults faults;
@@ -158,22 +165,20 @@ TEST_F(MtpConnectionTest, TreeWalkPagesRetriesEmptyBatchesAndSkipsTopLevelFolder
 TEST_F(MtpConnectionTest, FolderCache) {
     plugIn();
     ASSERT_TRUE(impl.crawlMtpDevice());
-    t_playlist_items_list tracks, playlists;
+    olvane::test::ElementList tracks, playlists;
     ASSERT_TRUE(impl.loadDeviceData(tracks, playlists));
     Strings dirs;
     impl.MTPCreateDirCache(dirs, tracks);
     EXPECT_EQ(Strings({"Phone/Music", "Phone", "Phone/Music/DCIM", "Phone/Music/Gears",
                        "Phone/Music/Jazz"}),
               dirs);
-    release(tracks);
-    release(playlists);
 
-    t_playlist_items_list many = {
-        16001, static_cast<t_playlist_item*>(calloc(16001, sizeof(t_playlist_item)))};
+    olvane::test::ElementList many;
+    many.items = static_cast<t_playlist_item*>(calloc(16001, sizeof(t_playlist_item)));
+    many.count = 16001;
     impl.MTPCreateDirCache(dirs, many);
     EXPECT_TRUE(dirs.empty());
     EXPECT_EQ(1, cap.count("Invalid playlist size: 16001"));
-    free(many.items);
 }
 
 TEST_F(MtpConnectionTest, Records) {
@@ -210,6 +215,9 @@ TEST_F(MtpConnectionTest, Records) {
         }
     }
 
+    EXPECT_EQ(1, cap.count(" - Fail to invoke method: Access_GetTrackAlbumTrackIndex . - "
+                           "STATUS NOT SUPPORTED!"));  // blue's track number
+
     // A playlist's entries name their songs, also those never indexed; an
     // empty playlist is none.
     const t_track_id road = id("Phone/Music/Road.m3u");
@@ -235,6 +243,57 @@ TEST_F(MtpConnectionTest, Records) {
             impl.generateDirectory(path, "mtp-folder://phone", "phone"));
         EXPECT_EQ(want, d->name + "|" + d->parentPath + "|" + std::to_string(d->topLevel));
         EXPECT_EQ(Md5(Md5::DIRECTORY, d->parentPath), d->parentId);
+    }
+}
+
+TEST_F(MtpConnectionTest, MinersLeaveTheSlotsOfAGonePhoneEmpty) {
+    olvane::test::TempDir dbDir;
+    DatabaseMgr::instance().setDatabaseDirectory(dbDir.path());
+    EXPECT_EQ("Copper Sky|Iron Road|null|", mine({}));
+    SimulatedDevice::Faults faults;
+    faults.unplugAfter = 1 + 6 + 2;
+    bool gone = false;
+    EXPECT_EQ("Copper Sky|null|null|", mine(faults, &gone));
+    EXPECT_TRUE(gone);
+    EXPECT_EQ(1, cap.count("Indexing of track stopped or device removed"));
+
+    // Each playlist takes five calls: the second is read while the phone is unplugged.
+    faults.unplugAfter = 5 + 2;
+    plugIn(faults);
+    auto lists = kestrow::MtpPlaylistMiner("MtpPlaylistMiner")
+                     .doOperation(files(6, {"Phone/Music/Best.m3u", "Phone/Music/Road.m3u"}));
+    ASSERT_EQ(1u, lists->items.size());
+    EXPECT_EQ("Best", lists->items[0]->name);
+    EXPECT_TRUE(lists->operation.deviceGone);
+
+    DatabaseMgr::instance().createDb("phone", "mtp-folder://phone", true);
+    ASSERT_EQ(0, ::truncate(DatabaseMgr::instance().getDbNameFromDevId("phone").c_str(),
+                            DatabaseMgr::kSizeLimit));  // sparse
+    EXPECT_EQ("null|null|null|", mine({}));
+    EXPECT_EQ(1, cap.count("MtpMiner SKIPPED db size limit reached (op: 5)"));
+}
+
+TEST(MtpDirectorySaverTest, AChangedFolderSetRewritesTheTableUnlessTheDeviceIsGone) {
+    olvane::test::TempDir dbDir;
+    DatabaseMgr::instance().setDatabaseDirectory(dbDir.path());
+    DatabaseMgr::instance().createDb("phone", "mtp-folder://phone", true);
+    dbColumn("phone", "INSERT INTO DIRECTORIES (PATH) VALUES ('/media/usb/a');");
+    QSignalSpy modified(&KestrowQTProxy::instance(), &KestrowQTProxy::contentModified);
+    kestrow::MtpDirectorySaver saver("MtpDirectorySaver");
+    saver.start();
+    const std::string all = "SELECT PATH || '|' || NAME FROM DIRECTORIES ORDER BY PATH;";
+    for (bool gone : {false, true}) {
+        auto in = olvane::test::makeBlock<kestrow::MtpDirectory>(
+            kestrow::Operation(4, 9, "phone", "mtp-folder://phone", true));
+        in->operation.deviceGone = gone;
+        for (const char* path : {"Phone/Music", "Phone"})
+            in->items.push_back(new kestrow::MtpDirectory(path, "mtp-folder://phone", "phone"));
+        EXPECT_EQ(gone, saver.doOperation(in)->operation.deviceGone);
+        EXPECT_EQ(
+            gone ? Strings({"Phone/Music|Music"}) : Strings({"Phone|Phone", "Phone/Music|Music"}),
+            dbColumn("phone", all));
+        EXPECT_EQ(1, modified.count());
+        dbColumn("phone", "DELETE FROM DIRECTORIES WHERE PATH = 'Phone';");
     }
 }
 

@@ -1,6 +1,5 @@
 #include "mtp/MtpDevice.h"
 
-#include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -11,8 +10,7 @@
 #include <string>
 
 #include "facade/KestrowQTProxy.h"
-#include "platform/log/LogCapture.h"
-#include "tests/support/Wait.h"
+#include "tests/support/Testing.h"
 
 using kestrow::MtpDevice;
 using Clock = std::chrono::steady_clock;
@@ -34,26 +32,25 @@ long sleeps(pid_t tid) {
     return asleep ? switches : -1;
 }
 
+// A new connection clears an early announcement; one made through the facade
+// before the wait ends it at once.
 TEST(MtpDeviceTest, FlagsOfOneHandle) {
     MtpDevice& registry = MtpDevice::instance();
     EXPECT_FALSE(registry.isDeviceConnected(101));
     EXPECT_FALSE(registry.waitDeviceReady(101));  // not connected: no wait
-
     registry.setDeviceReady(102);
-    registry.setDeviceConnected(102);  // a new connection clears the early announcement
-    EXPECT_EQ((std::pair<bool, bool>(true, false)),
+    registry.setDeviceConnected(102);
+    EXPECT_EQ(std::make_pair(true, false),
               std::make_pair(registry.isDeviceConnected(102), registry.isDeviceReady(102)));
     registry.setDeviceReady(102);
     registry.disconnectDevice(102);
-    EXPECT_EQ((std::pair<bool, bool>(false, false)),
+    EXPECT_EQ(std::make_pair(false, false),
               std::make_pair(registry.isDeviceConnected(102), registry.isDeviceReady(102)));
-}
 
-TEST(MtpDeviceTest, ReadyBeforeTheWaitThroughTheFacadeReturnsAtOnce) {
-    MtpDevice::instance().setDeviceConnected(103);
+    registry.setDeviceConnected(103);
     KestrowQTProxy::instance().setDeviceReady(103);
     const Clock::time_point start = Clock::now();
-    EXPECT_TRUE(MtpDevice::instance().waitDeviceReady(103));
+    EXPECT_TRUE(registry.waitDeviceReady(103));
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
 }
 

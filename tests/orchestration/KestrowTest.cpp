@@ -1,12 +1,16 @@
+// The scheduler and the facade in front of it, driving pipelines whose pace
+// the test sets (tests/support/TestPipeline.h).
 #include "orchestration/Kestrow.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "platform/log/LogCapture.h"
+#include <QMetaMethod>
+#include <QMetaObject>
+
+#include "facade/KestrowQTProxy.h"
 #include "tests/support/SignalLog.h"
 #include "tests/support/TestPipeline.h"
-#include "tests/support/Wait.h"
+#include "tests/support/Testing.h"
 
 using kestrow::MSD_OPERATION;
 using kestrow::MTP_OPERATION;
@@ -17,30 +21,70 @@ namespace {
 
 using KestrowTest = olvane::test::SchedulerTest;
 
-TEST_F(KestrowTest, RequestsRunOneAtATimeAndTheNextStartsWhenOneEnds) {
+TEST(KestrowQTProxyTest, MetaObjectListsTheTenMethodsInOrder) {
+    const QMetaObject* mo = KestrowQTProxy::instance().metaObject();
+    EXPECT_STREQ(mo->className(), "KestrowQTProxy");
+    const char* kinds[] = {"method", "signal", "slot", "constructor"};
+    QStringList methods;
+    for (int i = mo->methodOffset(); i < mo->methodCount(); ++i) {
+        const QMetaMethod m = mo->method(i);
+        methods << QString("%1 %2 %3 %4")
+                       .arg(kinds[m.methodType()], m.typeName(), m.methodSignature(),
+                            m.parameterNames().join(','));
+    }
+    EXPECT_EQ(QStringList({
+                  "signal void crawlingFinished(QString) mountPoint",
+                  "signal void indexingFinished(QString) mountPoint",
+                  "signal void contentModified(QString) mountPoint",
+                  "signal void databaseExists(QString,QString) deviceId,mountPoint",
+                  "slot void startIndexing(QString,QString,bool) device_id,mount_point,"
+                  "isFirstPartition",
+                  "slot void startMtpIndexing(QString,t_device_handle,bool) device_id,handle,"
+                  "isFirstPartition",
+                  "slot void setDeviceReady(t_device_handle) handle",
+                  "slot int indexingProgress(QString) mount_point",
+                  "slot void prioritizeMsdDevice(QString,QString) device_id,mount_point",
+                  "slot void prioritizeMtpDevice(QString,t_device_handle) device_id,handle",
+              }),
+              methods);
+    EXPECT_EQ(KestrowQTProxy::instance().indexingProgress("/media/unknown"), 0);
+}
+
+// Requests run one at a time. Waiting ones are paused and run in map order
+// (device id, then handle), MTP behind mass storage, each as the last ends.
+TEST_F(KestrowTest, RequestsRunOneAtATimeInMapOrderWithMtpBehindMassStorage) {
     LogCapture cap;
     olvane::test::SignalLog sigs;
-    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
-    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
-    ASSERT_EQ(created.size(), 2u);
-    EXPECT_EQ(cap.count("START IT"), 1);
+    k->enqueueNewOperation(MSD_OPERATION, "devC", 0, "/media/c", true);
     ASSERT_TRUE(waitFor([&] { return running(0); }));
-    EXPECT_EQ(created[1]->runState(), 2);
-    EXPECT_FALSE(created[1]->gated()->started);
-
+    k->enqueueNewOperation(MTP_OPERATION, "devA", 5, "mtp-folder://devA", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devZ", 0, "/media/z", true);
+    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
+    EXPECT_EQ(types[1], MTP_OPERATION);
+    EXPECT_EQ(cap.count("START IT"), 1);
+    EXPECT_EQ(created[3]->runState(), 2);
     const std::string goOn = "queue is not empty: go on " +
-                             QString::number(uintptr_t(created[1]) & 0xffffffffu, 16).toStdString();
-    gate.open("devA");
-    ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1 && running(1); }));
-    EXPECT_EQ(cap.count(goOn), 1);
+                             QString::number(uintptr_t(created[3]) & 0xffffffffu, 16).toStdString();
 
+    gate.open("devC");
+    // devB (handle 0) comes first in the map, though it arrived last.
+    ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1 && running(3); }));
+    EXPECT_EQ(cap.count(goOn), 1);
+    EXPECT_FALSE(started[1]);
+    EXPECT_FALSE(started[2]);
     gate.open("devB");
-    EXPECT_TRUE(waitFor([&] { return destroyed[1] == 1 && k->registeredCount() == 0; }));
+    ASSERT_TRUE(waitFor([&] { return running(2); }));
+    EXPECT_FALSE(started[1]);  // MTP still waits behind devZ
+    gate.open("devZ");
+    ASSERT_TRUE(waitFor([&] { return running(1); }));
+    gate.open("devA");
     EXPECT_TRUE(waitFor([&] {
-        return sigs.entries.filter("indexingFinished ") ==
-               QStringList({"indexingFinished /media/a", "indexingFinished /media/b"});
+        return k->registeredCount() == 0 &&
+               sigs.entries.filter("indexingFinished ") ==
+                   QStringList({"indexingFinished /media/c", "indexingFinished /media/b",
+                                "indexingFinished /media/z", "indexingFinished mtp-folder://devA"});
     }));
-    EXPECT_EQ(DatabaseMgr::instance().getStatus("devA", "/media/a"), "OK");
+    EXPECT_EQ(DatabaseMgr::instance().getStatus("devC", "/media/c"), "OK");
 }
 
 TEST_F(KestrowTest, ANewRequestReplacesTheOldOneAndTheNextRunsOn) {
@@ -72,50 +116,43 @@ TEST_F(KestrowTest, ANewRequestReplacesTheOldOneAndTheNextRunsOn) {
     }));
 }
 
-TEST_F(KestrowTest, WaitingRequestsRunInMapOrderWithMtpBehindMassStorage) {
-    k->enqueueNewOperation(MSD_OPERATION, "devC", 0, "/media/c", true);
-    ASSERT_TRUE(waitFor([&] { return running(0); }));
-    k->enqueueNewOperation(MTP_OPERATION, "devA", 5, "mtp-folder://devA", true);
-    k->enqueueNewOperation(MSD_OPERATION, "devZ", 0, "/media/z", true);
-    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
-    EXPECT_EQ(types[1], MTP_OPERATION);
-
-    gate.open("devC");
-    // devB (handle 0) comes first in the map, though it arrived last.
-    ASSERT_TRUE(waitFor([&] { return running(3); }));
-    EXPECT_FALSE(created[1]->gated()->started);
-    EXPECT_FALSE(created[2]->gated()->started);
-
-    gate.open("devB");
-    ASSERT_TRUE(waitFor([&] { return running(2); }));
-    EXPECT_FALSE(created[1]->gated()->started);  // MTP still waits behind devZ
-    gate.open("devZ");
-    ASSERT_TRUE(waitFor([&] { return running(1); }));
-    gate.open("devA");
-    EXPECT_TRUE(waitFor([&] { return destroyed[1] == 1 && k->registeredCount() == 0; }));
-}
-
+// Calls by name, queued as a host makes them, reach the scheduler through the
+// facade. Prioritising pauses every other pipeline and runs the match; the
+// handle is part of the match, and a device with no request holds nothing.
+// When the prioritised request ends, the first in the map resumes.
 TEST_F(KestrowTest, PrioritizingPausesEveryOtherPipelineAndStartsTheMatch) {
-    k->enqueueNewOperation(MSD_OPERATION, "devA", 0, "/media/a", true);
-    k->enqueueNewOperation(MSD_OPERATION, "devB", 0, "/media/b", true);
-    ASSERT_TRUE(waitFor([&] { return running(0); }));
+    LogCapture cap;
+    KestrowQTProxy& proxy = KestrowQTProxy::instance();
+    ASSERT_TRUE(QMetaObject::invokeMethod(&proxy, "startIndexing", Qt::QueuedConnection,
+                                          Q_ARG(QString, "usb1"), Q_ARG(QString, "/media/usb"),
+                                          Q_ARG(bool, true)));
+    ASSERT_TRUE(QMetaObject::invokeMethod(&proxy, "startMtpIndexing", Qt::QueuedConnection,
+                                          Q_ARG(QString, "1234"), Q_ARG(t_device_handle, 7),
+                                          Q_ARG(bool, true)));
+    ASSERT_TRUE(waitFor([&] { return created.size() == 2 && running(0); }));
+    EXPECT_EQ(cap.count("enqueueNewOperation usb1 type 0 handle 0 mp /media/usb"), 1);
+    EXPECT_EQ(cap.count("enqueueNewOperation 1234 type 1 handle 7 mp mtp-folder://1234"), 1);
+    const kestrow::KestrowOperation& mtp = created[1]->getCurrentOperation();
+    EXPECT_EQ(std::to_string(mtp.handle) + " " + mtp.deviceId + " " + mtp.mountPoint,
+              "7 1234 mtp-folder://1234");
+    auto states = [&] {
+        return std::to_string(created[0]->runState()) + std::to_string(created[1]->runState());
+    };
 
-    k->prioritizeOperation(MSD_OPERATION, "devB", 0, "/media/b");
-    EXPECT_EQ(created[0]->runState(), 2);
-    EXPECT_EQ(created[1]->runState(), 0);
+    proxy.prioritizeMtpDevice("1234", 8);
+    EXPECT_EQ(states(), "02");
+    proxy.prioritizeMtpDevice("1234", 7);
+    EXPECT_EQ(states(), "20");
     ASSERT_TRUE(waitFor([&] { return running(1); }));
+    proxy.prioritizeMsdDevice("usb1", "/media/usb");
+    EXPECT_EQ(states(), "02");
+    proxy.prioritizeMtpDevice("1234", 7);
+    proxy.prioritizeMsdDevice("usb1", "/media/other");
+    EXPECT_EQ(states(), "20");
 
-    // The handle is part of the match. A device with no request (say, one
-    // that has just finished) holds nothing: devB runs on.
-    k->prioritizeOperation(MSD_OPERATION, "devB", 3, "/media/b");
-    EXPECT_EQ(created[0]->runState(), 2);
-    EXPECT_EQ(created[1]->runState(), 0);
-
-    // When the prioritised request ends, the first in the map resumes.
-    k->prioritizeOperation(MSD_OPERATION, "devB", 0, "/media/b");
-    gate.open("devB");
+    gate.open("1234");
     ASSERT_TRUE(waitFor([&] { return destroyed[1] == 1 && created[0]->runState() == 0; }));
-    gate.open("devA");
+    gate.open("usb1");
     ASSERT_TRUE(waitFor([&] { return destroyed[0] == 1; }));
 }
 
@@ -171,8 +208,7 @@ TEST_F(KestrowTest, BlocksArrivingAfterStopAreIgnored) {
     k->stop();
     stopped = true;  // TearDown must not stop it again
 
-    boost::shared_ptr<kestrow::Block<void>> late(new kestrow::Block<void>());
-    late->operation = kestrow::Operation(1, 0, "devA", "/media/a", true);
+    auto late = olvane::test::makeToken(kestrow::Operation(1, 0, "devA", "/media/a", true));
     k->enqueue(late);
     EXPECT_EQ(cap.count("1: enqueue skipped block for op 1"), 1);
     k->doOperation(late);
@@ -180,15 +216,12 @@ TEST_F(KestrowTest, BlocksArrivingAfterStopAreIgnored) {
     EXPECT_EQ(destroyed[0], 0);  // left for the destructor
 }
 
-}  // namespace
-
 TEST_F(KestrowTest, APipelineFinishesOnThreeCompletionBlocksOfItsOwnOperation) {
     LogCapture cap;
     olvane::test::SignalLog sigs;
     k->enqueueNewOperation(MSD_OPERATION, "dev", 0, "/media/usb", true);  // gate stays shut
     auto send = [&](int id, bool isLast = true, bool gone = false) {
-        boost::shared_ptr<kestrow::Block<void>> b(new kestrow::Block<void>());
-        b->operation = kestrow::Operation(id, 0, "dev", "/media/usb", isLast);
+        auto b = olvane::test::makeToken(kestrow::Operation(id, 0, "dev", "/media/usb", isLast));
         b->operation.deviceGone = gone;
         created[0]->enqueue(b);
     };
@@ -208,3 +241,5 @@ TEST_F(KestrowTest, APipelineFinishesOnThreeCompletionBlocksOfItsOwnOperation) {
     EXPECT_EQ(DatabaseMgr::instance().getStatus("dev", "/media/usb"), "PROGRESS");
     EXPECT_TRUE(waitFor([&] { return sigs.entries.count("indexingFinished /media/usb") == 1; }));
 }
+
+}  // namespace

@@ -1,17 +1,11 @@
 #include "platform/common/DatabaseMgr.h"
 
-#include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <stdexcept>
 
 #include "platform/common/Md5.h"
-#include "platform/log/LogCapture.h"
-#include "tests/support/Sql.h"
-#include "tests/support/TempDir.h"
+#include "tests/support/Testing.h"
 
 namespace {
 
@@ -74,11 +68,11 @@ TEST_F(DatabaseMgrTest, DanglingPartitionsLoseTheirRows) {
         sql += row;
         sqlite3_free(row);
     }
-    sql += ";INSERT INTO SONGS (PARTITION_ID, PATH, ARTISTID) SELECT ID, F, P FROM M";
-    sql += ";INSERT INTO ARTISTS (ARTISTID, ARTIST) SELECT P, F FROM M";
-    sql += ";INSERT INTO DIRECTORIES (PARTITION_ID, PATH) SELECT ID, F FROM M";
-    sql += ";INSERT INTO PLAYLISTS (PARTITION_ID, PLAYPATH) SELECT ID, F FROM M;";
-    dbColumn("dev", sql);
+    dbColumn("dev", sql +
+                        ";INSERT INTO SONGS (PARTITION_ID, PATH, ARTISTID) SELECT ID, F, P FROM M"
+                        ";INSERT INTO ARTISTS (ARTISTID, ARTIST) SELECT P, F FROM M"
+                        ";INSERT INTO DIRECTORIES (PARTITION_ID, PATH) SELECT ID, F FROM M"
+                        ";INSERT INTO PLAYLISTS (PARTITION_ID, PLAYPATH) SELECT ID, F FROM M;");
     mgr.removeDanglingPartitions("dev", "/media/usbb");
 
     // What is left, with its number of rows (one per table).
@@ -111,12 +105,14 @@ TEST_F(DatabaseMgrTest, CheckAndDeleteRemovesLeastRecentlyIndexedFirst) {
     EXPECT_FALSE(exists("b") || exists("d"));
     EXPECT_TRUE(exists("own") && exists("a") && exists("c"));
 
+    mgr.holdDevice("c");  // a device with a request is spared until released
     mgr.checkAndDelete("own", 0);
-    EXPECT_TRUE(exists("own") && fs::exists(dir.file("notes.txt")));
-    EXPECT_FALSE(exists("a") || exists("c"));
+    EXPECT_TRUE(exists("own") && exists("c") && fs::exists(dir.file("notes.txt")));
+    EXPECT_FALSE(exists("a"));
+    mgr.releaseDevice("c");
+    mgr.checkAndDelete("own", 0);
+    EXPECT_FALSE(exists("c"));
 }
-
-}  // namespace
 
 TEST_F(DatabaseMgrTest, SizeLimitCountsTheWalAndDeleteRemovesAllThreeFiles) {
     const std::string db = mgr.getDbNameFromDevId("big");
@@ -145,15 +141,14 @@ TEST_F(DatabaseMgrTest, CreateDbRebuildsWhatIsNotAnIndexDatabase) {
              "WITH RECURSIVE N(I) AS (SELECT 1 UNION ALL SELECT I + 1 FROM N WHERE I < 200) "
              "INSERT INTO SONGS (PATH) SELECT '/m/' || I FROM N;");
     mgr.sync("good");
-    std::ifstream in(mgr.getDbNameFromDevId("good"), std::ios::binary);
-    const std::string good((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string good = mgr.getDbNameFromDevId("good");
+    fs::copy_file(good, dir.file("new/dir/truncated.db"));
+    fs::resize_file(dir.file("new/dir/truncated.db"), fs::file_size(good) / 2);
     std::string noise(20000, '\0');
     for (size_t i = 0; i < noise.size(); ++i)
         noise[i] = char((i * 2654435761u) >> 13);
-    const std::pair<const char*, std::string> files[] = {
-        {"random", noise}, {"truncated", good.substr(0, good.size() / 2)}, {"empty", ""}};
-    for (const auto& f : files)
-        dir.write(std::string("new/dir/") + f.first + ".db", f.second);
+    dir.write("new/dir/random.db", noise);
+    dir.write("new/dir/empty.db", "");
     dbColumn("foreign", "CREATE TABLE SONGS (X); INSERT INTO SONGS VALUES (1);");
 
     for (const char* dev : {"random", "truncated", "empty", "foreign", "good"}) {
@@ -169,3 +164,5 @@ TEST_F(DatabaseMgrTest, CreateDbRebuildsWhatIsNotAnIndexDatabase) {
     for (const char* d : {"new", "new/dir"})
         EXPECT_EQ(0700u, unsigned(fs::status(dir.file(d)).permissions())) << d;
 }
+
+}  // namespace

@@ -3,7 +3,6 @@
 // the lines back with dlt-receive, and stops both before it ends.
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,8 +11,7 @@
 #include <algorithm>
 
 #include "tests/support/ChildProcess.h"
-#include "tests/support/TempDir.h"
-#include "tests/support/Wait.h"
+#include "tests/support/Testing.h"
 
 using namespace olvane::test;
 
@@ -56,12 +54,10 @@ TEST(DltDaemonTest, EveryLineReachesTheDaemon) {
     ASSERT_TRUE(probe.waitForFinished(10000) && probe.exitCode() == 0);
     EXPECT_EQ("", probe.readAllStandardError().toStdString());
 
-    std::vector<std::string> expected;
-    for (std::string line :
-         {"error V 1 [main: dlt error line]", "warn V 1 [main: dlt warning line]",
-          "info V 1 [main: dlt info line]", "debug V 1 [main: dlt debug line]",
-          "verbose V 1 [main: dlt verbose line]"})
-        expected.push_back("OLPT CORE log " + line);
+    Strings expected;
+    for (const char* level : {"error", "warn", "info", "debug", "verbose"})
+        expected.push_back("OLPT CORE log " + std::string(level) + " V 1 [main: dlt " +
+                           (level[0] == 'w' ? "warning" : level) + " line]");
     for (int i = 0; i < 100; ++i)
         expected.push_back("OLPT CORE log info V 1 [main: dlt line " + std::to_string(i) + "]");
     EXPECT_TRUE(

@@ -1,3 +1,4 @@
+// The ids that join the tables, and the texts of a song record.
 #include "platform/common/Md5.h"
 
 #include <gtest/gtest.h>
@@ -36,6 +37,19 @@ TEST(Md5Test, IdentityRulesThatJoinTheTables) {
               song("/m/a.mp3", "Queen", "Greatest Hits").albumId);
     EXPECT_EQ(song("/m/a.mp3", "ABBA", "Gold").albumId, song("/m/b.mp3", "Abba", "GOLD").albumId);
     EXPECT_NE(song("/m/a.mp3", "B", "A").albumId, song("/m/a.mp3", "", "AB").albumId);
+
+    // Texts are trimmed; Asian readings are made for CJK text only.
+    MetaDataInfo info("/m/d/Song.MP3", "/m", trim("\u3000 さくら\t\u00a0"), trim("서울 "),
+                      trim(" 東京"), trim(" Pop\t"), trim("サクラ\n"), 7, 2, 0);
+    EXPECT_EQ("さくら", info.title);
+    EXPECT_EQ(MetaDataInfo("/m/a.mp3", "/m", "", "서울", "東京", "", "", 0, 0, 0).albumId,
+              info.albumId);
+    info.setAsianFields();
+    EXPECT_EQ((std::vector<std::string>{"sakura", "seoul", "dong jing", "", "sakura"}),
+              (std::vector<std::string>{info.asianTitle, info.asianArtist, info.asianAlbum,
+                                        info.asianGenre, info.asianComposer}));
+    EXPECT_EQ("", MetaDataInfo::asianReading("Café"));
+    EXPECT_EQ("", MetaDataInfo::asianReading("\xff\xfe"));
 }
 
 }  // namespace

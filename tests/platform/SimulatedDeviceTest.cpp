@@ -1,53 +1,27 @@
+// The simulated phone where the connection, miner and end-to-end tests do not
+// reach it, and the MTP helpers that name its tracks and read their content.
 #include "platform/portolan/SimulatedDevice.h"
 
-#include <gtest/gtest.h>
 #include <taglib/fileref.h>
 #include <taglib/tag.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <string>
-#include <vector>
 
-#include "platform/portolan/DeviceTable.h"
-#include "tests/support/TempDir.h"
+#include "platform/mtputils/MtpUtils.h"
+#include "tests/support/SimulatedPhone.h"
+#include "tests/support/Testing.h"
 
+using olvane::test::ElementList;
+using olvane::test::ItemList;
+using olvane::test::Strings;
 using portolan::DeviceTable;
 using portolan::SimulatedDevice;
 
 namespace {
 
 const t_handle kHandle = 41;
-
-// What a listing answered, as "name:type", with every name and array freed
-// the way a receiver must.
-std::vector<std::string> take(t_mtp_item_list& list) {
-    std::vector<std::string> out;
-    for (unsigned i = 0; i < list.count; ++i) {
-        out.push_back(std::string(list.items[i].name) + ":" + std::to_string(list.items[i].type));
-        free(list.items[i].name);
-    }
-    free(list.items);
-    return out;
-}
-
-std::vector<t_track_id> take(t_playlist_items_list& list) {
-    std::vector<t_track_id> out;
-    for (unsigned i = 0; i < list.count; ++i) {
-        out.push_back(list.items[i].id);
-        free(list.items[i].name);
-    }
-    free(list.items);
-    return out;
-}
-
-std::vector<t_track_id> elements(t_content_categories category, t_status expected = STATUS_OK) {
-    unsigned n = 0;
-    EXPECT_EQ(STATUS_OK, Access_GetNumElements(kHandle, category, n));
-    t_playlist_items_list list;
-    EXPECT_EQ(expected, Access_GetPlaylistElements(kHandle, category, 0, n, list));
-    return take(list);
-}
 
 std::string text(t_status (*call)(t_handle, t_track_id, char*), t_track_id id,
                  t_status expected = STATUS_OK) {
@@ -56,106 +30,54 @@ std::string text(t_status (*call)(t_handle, t_track_id, char*), t_track_id id,
     return buffer;
 }
 
-class SimulatedDeviceTest : public ::testing::Test {
-protected:
-    void SetUp() override {
+std::vector<t_track_id> tracks() {
+    unsigned n = 0;
+    EXPECT_EQ(STATUS_OK, Access_GetNumElements(kHandle, CATEGORY_TRACKS, n));
+    ElementList list;
+    EXPECT_EQ(STATUS_OK, Access_GetPlaylistElements(kHandle, CATEGORY_TRACKS, 0, n, list));
+    std::vector<t_track_id> ids;
+    for (unsigned i = 0; i < list.count; ++i)
+        ids.push_back(list.items[i].id);
+    return ids;
+}
+
+struct SimulatedDeviceTest : ::testing::Test {
+    SimulatedDeviceTest() {
         dir.copySample("gears-iron-road.mp3", "phone/Music/a-iron.mp3");
         dir.copySample("ferro-cafe-noir.flac", "phone/Music/b-cafe.flac");
-        dir.write("phone/Music/c.ogg", "not really ogg");
-        dir.write("phone/Music/cover.jpg", "jpeg");
         dir.copySample("ferro-blue-hour.m4a", "phone/Music/Jazz/d-blue.m4a");
-        dir.write("phone/Music/Trip.m3u",
-                  "#EXTM3U\nJazz/d-blue.m4a\r\n../Music/a-iron.mp3\nmissing.mp3\n"
-                  "\\Music\\b-cafe.flac\n");
-        dir.copySample("motorhead-style.mp3", "phone/DCIM/e-motor.mp3");
         dir.copySample("gears-old-times.mp3", "card/f-old.mp3");
     }
-    void TearDown() override {
-        DeviceTable::instance().setUnplugHook(nullptr);
-        DeviceTable::instance().unplug(kHandle);
-        DeviceTable::instance().unplug(kHandle + 1);
+    ~SimulatedDeviceTest() override {
+        for (t_handle h : {kHandle, kHandle + 1, kHandle + 2})
+            DeviceTable::instance().unplug(h);
     }
-
-    std::shared_ptr<SimulatedDevice> plugIn(const SimulatedDevice::Faults& faults = {}) {
+    // Plugs the phone in and lists its Music folder, as a crawl does.
+    std::shared_ptr<SimulatedDevice> plugIn(t_handle handle, const std::string& deviceId,
+                                            const SimulatedDevice::Faults& faults = {}) {
         auto device = SimulatedDevice::plugIn(
-            kHandle, "dev-1", {{"Phone", dir.file("phone")}, {"Card", dir.file("card")}}, faults);
+            handle, deviceId, {{"Phone", dir.file("phone")}, {"Card", dir.file("card")}}, faults);
         EXPECT_TRUE(device);
+        ItemList list;
+        const int32_t phone = int32_t(device->objectId("Phone"));
+        Access_GetItems(handle, {2, int32_t(device->objectId("Phone/Music")), phone}, 8, 0, 9,
+                        list);
         return device;
+    }
+    static std::string songId(const std::shared_ptr<SimulatedDevice>& device, const char* path) {
+        return MtpUtils::getObjectIdForMtpTrack(device->objectId(path), device->deviceId());
     }
 
     olvane::test::TempDir dir;
 };
 
-TEST_F(SimulatedDeviceTest, FoldersArePagedAndPathsKnownOnceListed) {
-    SimulatedDevice::Faults faults;
-    faults.pageSize = 2;
-    auto device = plugIn(faults);
-    const int32_t phone = int32_t(device->objectId("Phone"));
-    const int32_t music = int32_t(device->objectId("Phone/Music"));
-    const t_track_id iron = device->objectId("Phone/Music/a-iron.mp3");
-
-    unsigned n = 0;
-    t_mtp_item_list list;
-    ASSERT_EQ(STATUS_OK, Access_GetNumItems(kHandle, {0, 0, 0}, 7, n));
-    ASSERT_EQ(STATUS_OK, Access_GetItems(kHandle, {0, 0, 0}, 7, 0, n, list));
-    EXPECT_EQ((std::vector<std::string>{"Phone:7", "Card:7"}), take(list));
-    ASSERT_EQ(STATUS_OK, Access_GetItems(kHandle, {2, 0, phone}, 8, 0, 10, list));
-    EXPECT_EQ((std::vector<std::string>{"DCIM:6", "Music:6"}), take(list));
-
-    EXPECT_EQ("", device->rawPath(iron));
-    ASSERT_EQ(STATUS_OK, Access_GetNumItems(kHandle, {2, music, phone}, 8, n));
-    std::vector<std::string> all;
-    for (unsigned start = 0; start < n;) {
-        ASSERT_EQ(STATUS_OK, Access_GetItems(kHandle, {2, music, phone}, 8, start, n, list));
-        EXPECT_LE(list.count, 2u);
-        start += list.count;
-        for (const std::string& item : take(list))
-            all.push_back(item);
-    }
-    EXPECT_EQ((std::vector<std::string>{"Jazz:6", "Trip.m3u:1", "a-iron.mp3:5", "b-cafe.flac:5",
-                                        "c.ogg:5", "cover.jpg:0"}),
-              all);
-    EXPECT_EQ("Phone/Music/a-iron.mp3", device->rawPath(iron));
-    EXPECT_EQ("", device->rawPath(device->objectId("Phone/Music/Jazz/d-blue.m4a")));
-
-    // The closing call, and containers that are not there.
-    EXPECT_EQ(STATUS_OK, Access_GetItems(kHandle, {10, 0, 0}, 9, 0, 0, list));
-    EXPECT_EQ(0u, list.count);
-    EXPECT_EQ(STATUS_NOT_OK, Access_GetNumItems(kHandle, {2, music, music + 1}, 8, n));
-    EXPECT_EQ(STATUS_NOT_SUPPORTED, Access_GetNumItems(kHandle, {2, 0, phone}, 7, n));
-}
-
-TEST_F(SimulatedDeviceTest, CategoriesListTracksPlaylistsAndAPlaylistsTracks) {
-    auto device = plugIn();
-    const auto id = [&](const char* rawPath) { return device->objectId(rawPath); };
-    const t_track_id trip = id("Phone/Music/Trip.m3u");
-    const t_track_id iron = id("Phone/Music/a-iron.mp3"), cafe = id("Phone/Music/b-cafe.flac");
-    const t_track_id blue = id("Phone/Music/Jazz/d-blue.m4a");
-    const std::vector<t_track_id> tracks = {
-        id("Phone/DCIM/e-motor.mp3"), blue, iron, cafe, id("Phone/Music/c.ogg"),
-        id("Card/f-old.mp3")};
-
-    EXPECT_EQ(tracks, elements(CATEGORY_TRACKS));
-    EXPECT_EQ(std::vector<t_track_id>{trip}, elements(CATEGORY_PLAYLISTS));
-    EXPECT_EQ("Trip", text(Access_GetTrackTitle, trip));
-
-    ASSERT_EQ(STATUS_OK, Command_SelectCategory(kHandle, CATEGORY_PLAYLISTS, int(trip)));
-    EXPECT_EQ((std::vector<t_track_id>{blue, iron, cafe}), elements(CATEGORY_TRACKS));
-    EXPECT_EQ(STATUS_NOT_OK, Command_SelectCategory(kHandle, CATEGORY_PLAYLISTS, int(iron)));
-    EXPECT_EQ(STATUS_NOT_SUPPORTED, Command_SelectCategory(kHandle, CATEGORY_TRACKS, int(iron)));
-    ASSERT_EQ(STATUS_OK, Command_ResetCategory(kHandle));
-    EXPECT_EQ(tracks, elements(CATEGORY_TRACKS));
-    unsigned n = 0;
-    EXPECT_EQ(STATUS_NOT_SUPPORTED, Access_GetNumElements(kHandle, 3, n));
-    EXPECT_FALSE(SimulatedDevice::plugIn(kHandle, "dev-2", {}));      // handle in use
-    EXPECT_FALSE(SimulatedDevice::plugIn(kHandle + 1, "dev-1", {}));  // device id in use
-}
-
-TEST_F(SimulatedDeviceTest, TrackTextsComeFromTagsCutAtACharacter) {
+// A second storage, the answers for what is not there, playlist lines of
+// every shape, the date text, a title cut at a character, the one-time
+// count, a handle or device id in use, a refused handle that stays attached.
+TEST_F(SimulatedDeviceTest, AnswersNoOtherTestReaches) {
     setenv("TZ", "UTC", 1);
     tzset();
-    const std::string iron = dir.file("phone/Music/a-iron.mp3");
-    olvane::test::setMtime(iron, 1578225600);  // 2020-01-05 12:00 UTC
+    olvane::test::setMtime(dir.file("phone/Music/a-iron.mp3"), 1578225600);  // 2020-01-05 12:00
     {
         TagLib::FileRef cafe(dir.file("phone/Music/b-cafe.flac").c_str());
         std::string longTitle;
@@ -164,88 +86,123 @@ TEST_F(SimulatedDeviceTest, TrackTextsComeFromTagsCutAtACharacter) {
         cafe.tag()->setTitle(TagLib::String(longTitle, TagLib::String::UTF8));
         ASSERT_TRUE(cafe.save());
     }
-    auto device = plugIn();
-    const t_track_id id = device->objectId("Phone/Music/a-iron.mp3");
+    dir.write("phone/Music/Trip.m3u",
+              "#EXTM3U\nJazz/d-blue.m4a\r\n../Music/a-iron.mp3\nmissing.mp3\n"
+              "\\Music\\b-cafe.flac\n");
+    SimulatedDevice::Faults faults;
+    faults.firstCount["Card"] = 5;
+    auto device = plugIn(kHandle, "dev-1", faults);
+    const auto id = [&](const char* rawPath) { return device->objectId(rawPath); };
+    const int32_t phone = int32_t(id("Phone")), music = int32_t(id("Phone/Music"));
+    const t_track_id trip = id("Phone/Music/Trip.m3u"), iron = id("Phone/Music/a-iron.mp3");
 
-    EXPECT_EQ((std::vector<std::string>{"Iron Road", "The Rusty Gears", "Steam and Steel", "Rock",
-                                        "Tom Hale", "a-iron.mp3", "Sun Jan  5 12:00:00 2020"}),
-              (std::vector<std::string>{
-                  text(Access_GetTrackTitle, id), text(Access_GetTrackArtist, id),
-                  text(Access_GetTrackAlbum, id), text(Access_GetTrackGenre, id),
-                  text(Access_GetTrackComposer, id), text(Access_GetTrackFileName, id),
-                  text(Access_GetTrackDateModified, id)}));
-    unsigned short index = 0;
-    EXPECT_EQ(STATUS_OK, Access_GetTrackAlbumTrackIndex(kHandle, id, index));
-    EXPECT_EQ(1, index);
+    unsigned n = 0;
+    ItemList storages;
+    ASSERT_EQ(STATUS_OK, Access_GetItems(kHandle, {0, 0, 0}, 7, 0, 9, storages));
+    EXPECT_EQ(Strings({"Phone:7", "Card:7"}), storages.names());
+    for (unsigned count : {5u, 1u}) {  // the injected count once, then the real one
+        ASSERT_EQ(STATUS_OK, Access_GetNumItems(kHandle, {2, 0, int32_t(id("Card"))}, 8, n));
+        EXPECT_EQ(count, n);
+    }
+    // Containers, categories and objects that are not there.
+    EXPECT_EQ(STATUS_NOT_OK, Access_GetNumItems(kHandle, {2, music, music + 1}, 8, n));
+    EXPECT_EQ(STATUS_NOT_SUPPORTED, Access_GetNumItems(kHandle, {2, 0, phone}, 7, n));
+    EXPECT_EQ(STATUS_NOT_SUPPORTED, Access_GetNumElements(kHandle, 3, n));
+    EXPECT_EQ(STATUS_NOT_OK, Command_SelectCategory(kHandle, CATEGORY_PLAYLISTS, int(iron)));
+    EXPECT_EQ(STATUS_NOT_SUPPORTED, Command_SelectCategory(kHandle, CATEGORY_TRACKS, int(trip)));
+    EXPECT_EQ("", text(Access_GetTrackTitle, t_track_id(music), STATUS_NOT_OK));
 
-    std::string cut;
+    // Comments, CR, "..", backslashes; a line naming no track is left out.
+    const std::vector<t_track_id> all = tracks();
+    ASSERT_EQ(STATUS_OK, Command_SelectCategory(kHandle, CATEGORY_PLAYLISTS, int(trip)));
+    EXPECT_EQ((std::vector<t_track_id>{id("Phone/Music/Jazz/d-blue.m4a"), iron,
+                                       id("Phone/Music/b-cafe.flac")}),
+              tracks());
+    ASSERT_EQ(STATUS_OK, Command_ResetCategory(kHandle));
+    EXPECT_EQ(4u, all.size());
+    EXPECT_EQ(all, tracks());
+
+    std::string cut;  // 127 two-byte characters fit in 255 bytes
     for (int i = 0; i < 127; ++i)
         cut += "é";
-    EXPECT_EQ(cut, text(Access_GetTrackTitle, device->objectId("Phone/Music/b-cafe.flac")));
-    EXPECT_EQ("", text(Access_GetTrackTitle, device->objectId("Phone/Music"), STATUS_NOT_OK));
-}
+    EXPECT_EQ((Strings{"a-iron.mp3", "Sun Jan  5 12:00:00 2020", cut}),
+              (Strings{text(Access_GetTrackFileName, iron), text(Access_GetTrackDateModified, iron),
+                       text(Access_GetTrackTitle, id("Phone/Music/b-cafe.flac"))}));
 
-TEST_F(SimulatedDeviceTest, InjectedFaults) {
-    SimulatedDevice::Faults faults;
-    faults.busyFirst[SimulatedDevice::GET_NUM_ITEMS] = 2;
-    faults.pageSize = 4;
-    faults.emptyLaterBatches["Phone/Music"] = 2;
-    faults.firstCount["Card"] = 5;
-    faults.noMetadata = {"Phone/Music/a-iron.mp3"};
-    faults.emptyTitles = {"Phone/Music/b-cafe.flac"};
-    faults.unplugAfter = 20;
-    std::vector<t_handle> unplugged;
-    DeviceTable::instance().setUnplugHook([&](t_handle h) { unplugged.push_back(h); });
-    auto device = plugIn(faults);
-    const int32_t phone = int32_t(device->objectId("Phone"));
-    const int32_t music = int32_t(device->objectId("Phone/Music"));
-    const int32_t card = int32_t(device->objectId("Card"));
+    EXPECT_FALSE(SimulatedDevice::plugIn(kHandle, "dev-2", {}));      // handle in use
+    EXPECT_FALSE(SimulatedDevice::plugIn(kHandle + 1, "dev-1", {}));  // device id in use
     SimulatedDevice::Faults after2;
     after2.badHandleAfter = 2;
     ASSERT_TRUE(SimulatedDevice::plugIn(kHandle + 1, "dev-2", {}, after2));
-    std::vector<t_status> lost;
+    Strings answers;
     for (int i = 0; i < 3; ++i)
-        lost.push_back(Command_ResetCategory(kHandle + 1));
-    EXPECT_EQ((std::vector<t_status>{STATUS_OK, STATUS_OK, STATUS_BAD_HANDLE}), lost);
-    EXPECT_TRUE(DeviceTable::instance().unplug(kHandle + 1));  // still attached
-    EXPECT_EQ(std::vector<t_handle>{kHandle + 1}, unplugged);
-    unplugged.clear();
+        answers.push_back(std::to_string(Command_ResetCategory(kHandle + 1)));
+    EXPECT_EQ(Strings({"0", "0", "-3"}), answers);
+    EXPECT_TRUE(DeviceTable::instance().unplug(kHandle + 1));  // was still attached
+}
 
-    unsigned n = 0;
-    std::vector<t_status> statuses;
-    for (int i = 0; i < 3; ++i)
-        statuses.push_back(Access_GetNumItems(kHandle, {2, 0, card}, 8, n));
-    EXPECT_EQ((std::vector<t_status>{STATUS_PROCESSING, STATUS_PROCESSING, STATUS_OK}), statuses);
-    EXPECT_EQ(5u, n);
-    ASSERT_EQ(STATUS_OK, Access_GetNumItems(kHandle, {2, 0, card}, 8, n));
-    EXPECT_EQ(1u, n);
+// A track is named by its device and raw path, known once its folder is
+// listed: the same after a reconnect with a file added before it.
+TEST_F(SimulatedDeviceTest, MtpUtilsNameTracksByRawPath) {
+    SimulatedDevice::Faults faults;
+    faults.noMetadata = {"Phone/Music/b-cafe.flac"};
+    auto device = plugIn(kHandle, "dev-1", faults);
+    const t_track_id a = device->objectId("Phone/Music/a-iron.mp3");
+    const t_track_id blue = device->objectId("Phone/Music/Jazz/d-blue.m4a");  // never listed
+    EXPECT_EQ((Strings{"Phone/Music/a-iron.mp3", "", "", "Phone/Music/a-iron.mp3"}),
+              (Strings{MtpUtils::getRawPathForMtpObject(kHandle, a),
+                       MtpUtils::getRawPathForMtpObject(kHandle, blue),
+                       MtpUtils::getRawPathForMtpObject(kHandle + 1, a),
+                       MtpUtils::getPathForMtpTrack(a, "dev-1", "Phone/Music/a-iron.mp3")}));
+    EXPECT_TRUE(MtpUtils::deviceHasMetadata(a, kHandle));
+    EXPECT_FALSE(MtpUtils::deviceHasMetadata(device->objectId("Phone/Music/b-cafe.flac"), kHandle));
+    EXPECT_FALSE(MtpUtils::deviceHasMetadata(a, kHandle + 1));
 
-    std::vector<unsigned> batches;
-    t_mtp_item_list list;
-    for (unsigned start : {0u, 4u, 4u, 4u}) {
-        ASSERT_EQ(STATUS_OK, Access_GetItems(kHandle, {2, music, phone}, 8, start, 6, list));
-        batches.push_back(unsigned(take(list).size()));
+    const std::string id = songId(device, "Phone/Music/a-iron.mp3");
+    EXPECT_EQ(32u, id.size());
+    EXPECT_EQ("", MtpUtils::getObjectIdForMtpTrack(blue, "dev-1"));
+    EXPECT_EQ("", MtpUtils::getObjectIdForMtpTrack(a, "dev-9"));
+    // Another device over the same folders.
+    EXPECT_NE(id, songId(plugIn(kHandle + 2, "dev-2"), "Phone/Music/a-iron.mp3"));
+
+    DeviceTable::instance().unplug(kHandle);
+    dir.copySample("gears-copper-sky.mp3", "phone/Music/0.mp3");
+    auto again = plugIn(kHandle + 1, "dev-1");
+    EXPECT_NE(a, again->objectId("Phone/Music/a-iron.mp3"));
+    EXPECT_EQ(id, songId(again, "Phone/Music/a-iron.mp3"));
+}
+
+// Title, artist, album, genre and composer from the content; a failed read
+// leaves them as they were. Of a huge file only the head is read.
+TEST_F(SimulatedDeviceTest, MtpUtilsReadTagsFromTheContent) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"gears-iron-road.mp3", "Iron Road|The Rusty Gears|Steam and Steel|Rock|Tom Hale"},
+        {"ferro-cafe-noir.flac", "Café Noir|Nina Ferro Quartet|Late Sessions|Jazz|Nina Ferro"},
+        {"ferro-blue-hour.m4a", "Blue Hour|Nina Ferro Quartet|Late Sessions|Jazz|Nina Ferro"},
+        {"moreno-summer-tape.wav", "Summer Tape|Lia Moreno|Postcards|Pop|Lia Moreno"},
+        {"moreno-rain-check.wma", "Rain Check|Lia Moreno|Postcards|Pop|Lia Moreno"},
+        {"truncated.flac", "failed keep||||"},
+        {"random-bytes.m4a", "failed keep||||"},
+        {"huge.mp3", "Iron Road|The Rusty Gears|Steam and Steel|Rock|Tom Hale"},
+    };
+    for (const auto& c : cases)
+        dir.copySample(std::string(c.first) == "huge.mp3" ? "gears-iron-road.mp3" : c.first,
+                       std::string("phone/Music/") + c.first);
+    ASSERT_EQ(0, truncate(dir.file("phone/Music/huge.mp3").c_str(), 4ll << 30));  // sparse
+    auto device = plugIn(kHandle, "dev-1");
+    for (const auto& c : cases) {
+        CTrackInfo info;
+        info.setTitle("keep");
+        const t_track_id id = device->objectId(std::string("Phone/Music/") + c.first);
+        const bool read = MtpUtils::getMetadataFromMTPFile(id, info, kHandle);
+        EXPECT_EQ(c.second, std::string(read ? "" : "failed ") + info.getTitle() + "|" +
+                                info.getArtist() + "|" + info.getAlbum() + "|" + info.getGenre() +
+                                "|" + info.getComposer());
     }
-    EXPECT_EQ((std::vector<unsigned>{4, 0, 0, 2}), batches);
-
-    const t_track_id iron = device->objectId("Phone/Music/a-iron.mp3");
-    const t_track_id cafe = device->objectId("Phone/Music/b-cafe.flac");
-    unsigned short index = 0;
-    EXPECT_FALSE(device->hasMetadata(iron));
-    EXPECT_EQ("", text(Access_GetTrackArtist, iron, STATUS_NOT_SUPPORTED));
-    EXPECT_EQ(STATUS_NOT_SUPPORTED, Access_GetTrackAlbumTrackIndex(kHandle, iron, index));
-    EXPECT_EQ("a-iron.mp3", text(Access_GetTrackFileName, iron));
-    EXPECT_EQ("", text(Access_GetTrackTitle, cafe));
-    EXPECT_EQ("Nina Ferro Quartet", text(Access_GetTrackArtist, cafe));
-
-    // Calls 14 to 20 pass; the 21st unplugs the device.
-    for (int i = 0; i < 7; ++i)
-        EXPECT_EQ(STATUS_OK, Command_ResetCategory(kHandle));
-    EXPECT_TRUE(unplugged.empty());
-    EXPECT_EQ(STATUS_BAD_HANDLE, Command_ResetCategory(kHandle));
-    EXPECT_EQ(std::vector<t_handle>{kHandle}, unplugged);
-    EXPECT_FALSE(DeviceTable::instance().find(kHandle));
-    EXPECT_EQ(STATUS_BAD_HANDLE, Access_GetNumElements(kHandle, CATEGORY_TRACKS, n));
+    CTrackInfo info;
+    EXPECT_FALSE(MtpUtils::getMetadataFromMTPFile(device->objectId("Phone/Music"), info, kHandle));
+    EXPECT_FALSE(MtpUtils::getMetadataFromMTPFile(device->objectId("Phone/Music/a-iron.mp3"), info,
+                                                  kHandle + 1));
 }
 
 }  // namespace

@@ -1,18 +1,21 @@
+// The logging library: the stderr mirror and its levels, a prompt and silent
+// exit with no daemon, long messages, and sinks removed while others log.
 #include "platform/log/ZQLog.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <string>
+#include <atomic>
+#include <thread>
 
-#include "platform/log/LogCapture.h"
+#include "platform/log/LogSink.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/TempDir.h"
+#include "tests/support/Testing.h"
 
 namespace {
 
-// Runs LogProbe with a private FIFO directory and returns its stderr. It must
-// end at once and print nothing on stdout.
+// Runs LogProbe with a private FIFO directory (with a FIFO a dead daemon left
+// behind, if `staleFifo`) and returns its stderr. It must end at once and
+// print nothing on stdout.
 std::string runProbe(const std::string& env, std::vector<std::string> argv = {"t"},
                      bool staleFifo = false) {
     olvane::test::TempDir dir;
@@ -25,35 +28,54 @@ std::string runProbe(const std::string& env, std::vector<std::string> argv = {"t
     return probe.readAllStandardError().toStdString();
 }
 
-}  // namespace
-
+// Each level mirrors itself and what is more severe; "chatty" mirrors nothing.
 // With no daemon, libdlt would print "FIFO ... cannot be opened" and stall its
-// exit for about ten seconds, also when a dead daemon left its FIFO behind.
-TEST(ZQLogTest, SilentAndPromptWithoutDaemon) {
-    for (bool staleFifo : {false, true}) {
-        SCOPED_TRACE(staleFifo);
-        EXPECT_EQ("", runProbe("OLVANE_LOG", {"t", "20"}, staleFifo));
-    }
-}
-
-TEST(ZQLogTest, MirrorsLevelAndMoreSevereToStderr) {
+// exit for about ten seconds, also with a stale FIFO.
+TEST(ZQLogTest, MirrorsLevelAndMoreSevereToStderrAndIsSilentWithoutDaemon) {
     const std::string all =
         "ERROR main: t error line\nWARN main: t warning line\nINFO main: t info line\n"
         "DEBUG main: t debug line\nVERBOSE main: t verbose line\n";
-    const char* levels[] = {"chatty", "error", "warning", "info", "debug", "verbose"};
-    size_t end = 0;  // "chatty" mirrors nothing; each next level adds a line
-    for (const char* level : levels) {
-        SCOPED_TRACE(level);
-        EXPECT_EQ(all.substr(0, end), runProbe(std::string("OLVANE_LOG=") + level));
+    size_t end = 0;
+    for (const char* level : {"chatty", "error", "warning", "info", "debug", "verbose"}) {
+        EXPECT_EQ(all.substr(0, end), runProbe(std::string("OLVANE_LOG=") + level)) << level;
         end = all.find('\n', end) + 1;
     }
     EXPECT_EQ("ERROR int main(int, char**): p error line\n",
               runProbe("OLVANE_LOG=error", {"p", "0", "pretty"}));
-}
+    for (bool staleFifo : {false, true})
+        EXPECT_EQ("", runProbe("OLVANE_LOG", {"t", "20"}, staleFifo)) << staleFifo;
 
-TEST(ZQLogTest, FormatsLongMessagesWhole) {
     olvane::LogCapture cap;
     const std::string text(3000, 'x');
     ZQLOG_WARN("%d-%s", 42, text.c_str());
     EXPECT_EQ(1, cap.count("42-" + text));
 }
+
+struct CountingSink : olvane::LogSink {
+    void write(DltLogLevelType, const char*, const std::string&) override { ++lines; }
+    std::atomic<int> lines{0};
+};
+
+// A host removes its sink while other threads log, then destroys it: no
+// thread may still be inside it (the sanitizer sees a call into a dead sink).
+TEST(ZQLogTest, RemovedSinkMayBeDestroyedWhileOthersLog) {
+    std::atomic<bool> done{false};
+    auto logger = [&] {
+        while (!done)
+            ZQLOG_VERBOSE("busy");
+    };
+    std::thread a(logger), b(logger);
+    for (int round = 0; round < 200; ++round) {
+        auto* sink = new CountingSink;
+        olvane::addLogSink(sink);
+        while (sink->lines == 0)
+            std::this_thread::yield();
+        olvane::removeLogSink(sink);
+        delete sink;
+    }
+    done = true;
+    a.join();
+    b.join();
+}
+
+}  // namespace

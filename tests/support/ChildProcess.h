@@ -41,10 +41,9 @@ public:
     }
     ~ChildProcess() override {
         terminate();
-        if (!waitForFinished(2000)) {
+        if (!waitForFinished(2000))
             kill();
-            waitForFinished();
-        }
+        waitForFinished();
     }
 };
 

@@ -6,8 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "mtp/MtpConnection.h"
 #include "mtp/MtpDevice.h"
@@ -16,6 +18,33 @@
 #include "tests/support/TempDir.h"
 
 namespace olvane::test {
+
+// Owns a list the device-access library handed to its receiver (a
+// t_mtp_item_list or t_playlist_items_list): frees every name and the array.
+// Passes as the library's list type; entries() reads "name:type" or the ids.
+template <class List>
+struct OwnedList : List {
+    OwnedList() : List{0, nullptr} {}
+    ~OwnedList() { release(); }
+    OwnedList(const OwnedList&) = delete;
+    OwnedList& operator=(const OwnedList&) = delete;
+    void release() {
+        for (unsigned i = 0; i < this->count; ++i)
+            std::free(this->items[i].name);
+        std::free(this->items);
+        this->count = 0;
+        this->items = nullptr;
+    }
+    std::vector<std::string> names() const {
+        std::vector<std::string> out;
+        for (unsigned i = 0; i < this->count; ++i)
+            out.push_back(std::string(this->items[i].name) + ":" +
+                          std::to_string(this->items[i].type));
+        return out;
+    }
+};
+using ItemList = OwnedList<t_mtp_item_list>;
+using ElementList = OwnedList<t_playlist_items_list>;
 
 // Makes the storage folder `relative` in `dir`; raw paths are "Phone/...".
 // Indexable: Music/Gears/iron.mp3, Music/Gears/copper.mp3, Music/Jazz/blue.m4a.

@@ -29,10 +29,10 @@ inline std::vector<std::string> dbColumn(const std::string& devId, const std::st
 }
 
 // Every row of the device's index tables as "TABLE|value|value..." texts,
-// sorted; row ids (ID columns) are left out, as two runs that write the same
-// rows number them differently. Compares a database with a clean index of
-// the same tree.
-inline std::vector<std::string> indexDump(const std::string& devId) {
+// sorted. Row ids (ID columns) are left out, as two runs that write the same
+// rows number them differently, unless `keepIds` (to show that rows were not
+// written again). Compares a database with a clean index of the same tree.
+inline std::vector<std::string> indexDump(const std::string& devId, bool keepIds = false) {
     std::vector<std::string> rows;
     sqlite3* db = nullptr;
     EXPECT_EQ(SQLITE_OK, sqlite3_open_v2(DatabaseMgr::instance().getDbNameFromDevId(devId).c_str(),
@@ -47,7 +47,7 @@ inline std::vector<std::string> indexDump(const std::string& devId) {
             std::string row = table;
             for (int c = 0; c < sqlite3_column_count(stmt); ++c) {
                 const std::string column = sqlite3_column_name(stmt, c);
-                if (column == "ID")
+                if (column == "ID" && !keepIds)
                     continue;
                 const unsigned char* v = sqlite3_column_text(stmt, c);
                 row += "|" + (v ? std::string(reinterpret_cast<const char*>(v)) : "<null>");

@@ -46,16 +46,13 @@ struct Gate {
 
 class GatedCrawler : public kestrow::Server<Block<kestrow::Directory*>, Block<void>> {
 public:
-    // `arrived`, when given, outlives the stage and is set with `started`.
-    GatedCrawler(kestrow::BaseServer<Block<void>>* pipeline, Gate* gate,
-                 std::atomic<bool>* arrived = nullptr)
+    // `arrived` outlives the stage: it is set once a root block has arrived.
+    GatedCrawler(kestrow::BaseServer<Block<void>>* pipeline, Gate* gate, std::atomic<bool>* arrived)
         : Server("GatedCrawler"), pipeline_(pipeline), gate_(gate), arrived_(arrived) {}
 
     boost::shared_ptr<Block<void>> doOperation(
         boost::shared_ptr<Block<kestrow::Directory*>> in) override {
-        started = true;
-        if (arrived_)
-            *arrived_ = true;
+        *arrived_ = true;
         std::unique_lock<std::mutex> lock(gate_->mutex);
         gate_->cond.wait(lock,
                          [&] { return gate_->opened.count(in->operation.deviceId) || state == 1; });
@@ -72,8 +69,6 @@ public:
         gate_->notify();
     }
 
-    std::atomic<bool> started{false};  // a root block has arrived
-
 private:
     kestrow::BaseServer<Block<void>>* pipeline_;
     Gate* gate_;
@@ -82,19 +77,16 @@ private:
 
 class TestPipeline : public kestrow::SongDirectoryPipeline {
 public:
-    // `destroyed` and `started`, when given, outlive the pipeline: the
-    // scheduler's thread deletes it while the test looks at them.
+    // `destroyed` and `started` outlive the pipeline: the scheduler's thread
+    // deletes it while the test looks at them.
     TestPipeline(kestrow::Kestrow* owner, kestrow::OperationType type, Gate* gate,
-                 std::atomic<int>* destroyed = nullptr, std::atomic<bool>* started = nullptr)
+                 std::atomic<int>* destroyed, std::atomic<bool>* started)
         : SongDirectoryPipeline("TestPipeline", owner, type),
           crawler_(new GatedCrawler(this, gate, started)),
           destroyed_(destroyed) {
         children.push_back(crawler_);
     }
-    ~TestPipeline() override {
-        if (destroyed_)
-            ++*destroyed_;
-    }
+    ~TestPipeline() override { ++*destroyed_; }
 
     void enqueueNewOperation(kestrow::KestrowOperation& operation, bool isFirstPartition) override {
         if (throwOnEnqueue)
@@ -102,7 +94,6 @@ public:
         SongDirectoryPipeline::enqueueNewOperation(operation, isFirstPartition);
     }
     kestrow::BaseServer<Block<kestrow::Directory*>>* crawler() override { return crawler_; }
-    GatedCrawler* gated() { return crawler_; }
     int runState() const { return getState(); }
 
     bool throwOnEnqueue = false;

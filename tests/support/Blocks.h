@@ -1,0 +1,35 @@
+#pragma once
+// Blocks built by tests: one operation, the records given, owned by the block.
+
+#include <boost/shared_ptr.hpp>
+#include <initializer_list>
+#include <string>
+
+#include "framework/Block.h"
+
+namespace olvane::test {
+
+inline kestrow::Operation testOperation(const std::string& mountPoint = "/media/usb",
+                                        bool last = true, int id = 7,
+                                        const std::string& deviceId = "dev1") {
+    return kestrow::Operation(id, 0, deviceId, mountPoint, last);
+}
+
+// A Block<T*> holding `items` (adopted) under `op`.
+template <class T>
+boost::shared_ptr<kestrow::Block<T*>> makeBlock(const kestrow::Operation& op,
+                                                std::initializer_list<T*> items = {}) {
+    boost::shared_ptr<kestrow::Block<T*>> b(new kestrow::Block<T*>());
+    b->operation = op;
+    b->items.assign(items.begin(), items.end());
+    return b;
+}
+
+// A Block<void>: the token that starts or ends an operation.
+inline boost::shared_ptr<kestrow::Block<void>> makeToken(const kestrow::Operation& op) {
+    boost::shared_ptr<kestrow::Block<void>> b(new kestrow::Block<void>());
+    b->operation = op;
+    return b;
+}
+
+}  // namespace olvane::test
