@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,7 @@ namespace kestrow {
 struct Playlist {
     // `partition` is the mount point for a mass-storage playlist, the
     // partition text for an MTP one; `modified` is 0 for MTP playlists.
-    Playlist(const std::string& path, const std::string& partition, int modified);
+    Playlist(const std::string& path, const std::string& partition, int64_t modified);
     Playlist(const Playlist&) = delete;
     Playlist& operator=(const Playlist&) = delete;
     ~Playlist();
@@ -21,7 +22,7 @@ struct Playlist {
     std::string name;                     // after the last '/'
     Md5 id;                               // kind 6 of path
     Md5 partitionId;                      // kind 1 of the partition
-    int modified;                         // seconds, from the file's modification time
+    int64_t modified;                     // seconds, from the file's modification time
     std::vector<PlaylistEntry*> entries;  // owned
 };
 
