@@ -27,15 +27,15 @@ void freeList(t_playlist_items_list& list) {
 
 MtpCrawler::MtpCrawler(const char* name_)
     : Server<Block<Directory*>, Block<FileInfo*>>(name_),
-      playlistTarget(nullptr),
-      folderTarget(nullptr) {}
+      playlistSink(nullptr),
+      directorySink(nullptr) {}
 
-void MtpCrawler::setPlaylistTarget(BaseServer<Block<FileInfo*>>* target) {
-    playlistTarget = target;
+void MtpCrawler::setPlaylistSink(BaseServer<Block<FileInfo*>>* target) {
+    playlistSink = target;
 }
 
-void MtpCrawler::setFolderTarget(BaseServer<Block<MtpDirectory*>>* target) {
-    folderTarget = target;
+void MtpCrawler::setDirectorySink(BaseServer<Block<MtpDirectory*>>* target) {
+    directorySink = target;
 }
 
 boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
@@ -112,10 +112,10 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
 
     playlists->operation.lastBlock = true;
     folders->operation.lastBlock = true;
-    if (playlistTarget)
-        playlistTarget->enqueue(playlists);
-    if (folderTarget)
-        folderTarget->enqueue(folders);
+    if (playlistSink)
+        playlistSink->enqueue(playlists);
+    if (directorySink)
+        directorySink->enqueue(folders);
 
     ZQLOG_INFO("MtpCrawler timer: %ld (op:%d) found %u", timer.stop(), op.id,
                unsigned(tracks->items.size()));
@@ -123,7 +123,7 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
 }
 
 void MtpCrawler::signalCompletion(const Operation& op) {
-    if (state == 0) {
+    if (state == Runnable::kRunning) {
         emit KestrowQTProxy::instance().crawlingFinished(QString::fromUtf8(op.mountPoint.c_str()));
     }
 }

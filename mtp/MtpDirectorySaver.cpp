@@ -56,7 +56,7 @@ boost::shared_ptr<Block<void>> MtpDirectorySaver::doOperation(
     ZQLOG_INFO("RNC: Found changes %u", unsigned(changes.size()));
 
     if (!changes.empty()) {
-        if (state == 0) {
+        if (state == Runnable::kRunning) {
             emit KestrowQTProxy::instance().contentModified(QString::fromUtf8(mountPoint.c_str()));
         }
         ostream.exec("BEGIN TRANSACTION;");
