@@ -7,7 +7,6 @@
 
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -22,9 +21,14 @@ namespace kestrow {
 
 namespace {
 
-// Takes TagLib's diagnostics into the log at debug level.
+// Takes TagLib's diagnostics into the log at debug level. Installs itself as
+// TagLib's debug listener for its life, and gives TagLib its own back when
+// it goes.
 class TagLibToLog : public TagLib::DebugListener {
 public:
+    TagLibToLog() { TagLib::setDebugListener(this); }
+    ~TagLibToLog() override { TagLib::setDebugListener(nullptr); }
+
     void printMessage(const TagLib::String& message) override {
         std::string text = message.to8Bit(true);
         while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
@@ -37,15 +41,10 @@ public:
 // TagLib's diagnostics go to the log through its own listener, installed
 // once per process, instead of standard error being swapped per block:
 // overlapping miners must not leave std::cerr on a buffer that one of them
-// has freed, and the host's stderr stays its own.
-// The listener lives as long as the process: TagLib may report from any thread.
+// has freed, and the host's stderr stays its own. A static object, not a
+// heap one: reachable until exit, and destroyed before TagLib's own.
 void silenceTagLib() {
-    static std::once_flag once;
-    static TagLibToLog* listener = nullptr;
-    std::call_once(once, [] {
-        listener = new TagLibToLog();
-        TagLib::setDebugListener(listener);
-    });
+    static TagLibToLog listener;
 }
 
 }  // namespace

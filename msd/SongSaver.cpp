@@ -152,6 +152,10 @@ boost::shared_ptr<Block<void>> SongSaver::doOperation(boost::shared_ptr<Block<Me
         istream.close();
     }
 
+    // Only the block that completes the operation goes on to the pipeline,
+    // which finishes the operation on it; the others end here.
+    if (!op.lastBlock)
+        return boost::shared_ptr<Block<void>>();
     boost::shared_ptr<Block<void>> out(new Block<void>());
     out->operation = op;
     // Kept until the next operation opens the connection: the last block
