@@ -147,9 +147,7 @@ public:
             db_ = nullptr;
             return;
         }
-        sqlite3_busy_timeout(db_, timeoutMs);
-        // As the stages' connections: commits are written, and flushed by sync().
-        sqlite3_exec(db_, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
+        DatabaseMgr::configureConnection(db_, timeoutMs);
     }
     ~Connection() {
         if (db_ && sqlite3_close(db_) != SQLITE_OK)
@@ -284,7 +282,7 @@ Verdict inspect(const std::string& name, bool thorough, std::string& why) {
     int rc = SQLITE_OK;
     SqliteHandle db = olvane::openSqlite(name, SQLITE_OPEN_READWRITE, rc);
     if (rc == SQLITE_OK)
-        sqlite3_busy_timeout(db.get(), kShortTimeoutMs);
+        DatabaseMgr::configureConnection(db.get(), kShortTimeoutMs);
     // Column `column` of each row of `sql`; false, with `rc` set, on failure.
     auto rows = [&](const std::string& sql, int column) {
         std::vector<std::string> out;
@@ -360,6 +358,16 @@ long long indexedAt(const std::string& name) {
 }
 
 }  // namespace
+
+void DatabaseMgr::configureConnection(sqlite3* db, int timeoutMs) {
+    sqlite3_busy_timeout(db, timeoutMs);
+    // In WAL mode a commit is then written, not flushed: a power cut may lose
+    // the last commits, never the database's soundness. Each indexing ends
+    // with sync(), which flushes them all.
+    sqlite3_exec(db, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
+    int persist = 1;
+    sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+}
 
 const char* const DatabaseMgr::kLookupCleanup =
     "DELETE FROM ARTISTS WHERE ARTISTID NOT IN ( SELECT DISTINCT ARTISTID FROM SONGS);"

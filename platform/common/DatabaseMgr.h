@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+struct sqlite3;
+
 class DatabaseMgr {
 public:
     // Size at which a device database (file and WAL together) is full.
@@ -95,6 +97,12 @@ public:
     // Source of the current time in seconds for INDEXED_AT; time(nullptr)
     // unless set. An empty function restores the default.
     void setClock(std::function<long long()> clock);
+
+    // Sets up a new connection to a device database: the busy time-out,
+    // commits written but not flushed (sync() flushes them), and the WAL and
+    // shared-memory files kept when it closes, so that a reader opens the
+    // database without making a file, as on a full disk.
+    static void configureConnection(sqlite3* db, int timeoutMs);
 
     // Opens the device's existing database on `stream` (never creates the
     // file), with the busy time-out. Throws std::runtime_error("cannot open
