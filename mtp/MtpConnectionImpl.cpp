@@ -451,9 +451,22 @@ std::string MtpConnection::Impl::getTrackDateModified(unsigned trackId) {
 }
 
 time_t MtpConnection::Impl::getTrackDateModifiedEpoch(unsigned trackId) {
+    // Parsed with plain blanks, where the format kept apostrophes that no
+    // date text holds: every date read as 1899-12-31, and phones were never
+    // read again when a track changed.
     struct tm when = {};
-    strptime(getTrackDateModified(trackId).c_str(), "%a' '%b' '%d' '%H:%M:%S' '%Y", &when);
+    when.tm_isdst = -1;
+    const std::string text = getTrackDateModified(trackId);
+    const char* end = strptime(text.c_str(), "%a %b %d %H:%M:%S %Y", &when);
+    if (!end || *end)
+        return 0;
     return mktime(&when);
+}
+
+std::string MtpConnection::Impl::getPlaylistPath(unsigned playlistId) {
+    char name[PORTOLAN_TEXT_SIZE] = "";
+    Access_GetTrackTitle(handle, t_track_id(playlistId), name);
+    return "mtp-playlist://" + std::to_string(playlistId) + "/" + name;
 }
 
 std::string MtpConnection::Impl::getMTPTrackId(unsigned trackId, const std::string& device) {
@@ -513,10 +526,12 @@ MetaDataInfo* MtpConnection::Impl::generateTrack(const std::string& /*unused*/,
 Playlist* MtpConnection::Impl::generatePlaylist(const std::string& device,
                                                 const std::string& partition, size_t playlistId) {
     ZQLOG_INFO("[TQRA] Playlist %d", int(playlistId));
-    char name[PORTOLAN_TEXT_SIZE] = "";
-    Access_GetTrackTitle(handle, t_track_id(playlistId), name);
-    const std::string uri = "mtp-playlist://" + std::to_string(playlistId) + "/" + name;
-    Playlist* playlist = new Playlist(uri, partition, 0);
+    const std::string uri = getPlaylistPath(unsigned(playlistId));
+    // Stored under the device's time of the playlist, as the crawler reads
+    // it, rather than 0: an unchanged playlist is not written again, and a
+    // changed one is.
+    Playlist* playlist =
+        new Playlist(uri, partition, getTrackDateModifiedEpoch(unsigned(playlistId)));
 
     t_playlist_items_list list = getPlaylistContent(unsigned(playlistId));
     for (unsigned i = 0; i < list.count; ++i) {

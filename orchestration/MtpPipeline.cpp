@@ -22,9 +22,6 @@ MtpPipeline::MtpPipeline(Kestrow* owner_)
     MtpMiner* miner = new MtpMiner("MtpMiner");
     SongSaver* songSaver = new SongSaver("SongSaver");
     MtpPlaylistMiner* playlistMiner = new MtpPlaylistMiner("MtpPlaylistMiner");
-    // The stored playlist paths ("mtp-playlist://<id>/<name>") never equal the
-    // crawler's ("mtp-playlist://<id>"): every playlist is written again at
-    // every indexing.
     ChangeFinder* playlistFinder = new ChangeFinder(
         "ChangeFinder-MtpPlaylist", "SELECT ID, LASTMODIFIED, PLAYPATH FROM VIEW_PLAYLISTNAMES;",
         "DELETE FROM PLAYLISTS WHERE PLAYID IN ( SELECT PLAYID FROM PLAYLISTS WHERE ID = ? );",

@@ -12,7 +12,8 @@ namespace kestrow {
 // One playlist and its tracks in playlist order. Owns its entries.
 struct Playlist {
     // `partition` is the mount point for a mass-storage playlist, the
-    // partition text for an MTP one; `modified` is 0 for MTP playlists.
+    // partition text for an MTP one; `modified` is the device's time of an
+    // MTP playlist.
     Playlist(const std::string& path, const std::string& partition, int64_t modified);
     Playlist(const Playlist&) = delete;
     Playlist& operator=(const Playlist&) = delete;
