@@ -35,10 +35,6 @@ bool DatabaseMgr::open(const std::string& devId, Stream& stream, int timeoutMs) 
         throw std::runtime_error("cannot open db");
     }
     ZQLOG_INFO("Set timeout to %d ms", timeoutMs);
-    sqlite3_busy_timeout(stream.db, timeoutMs);
-    // In WAL mode a commit is then written, not flushed: a power cut may lose
-    // the last commits, never the database's soundness. Each indexing ends
-    // with DatabaseMgr::sync, which flushes them all.
-    sqlite3_exec(stream.db, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
+    DatabaseMgr::configureConnection(stream.db, timeoutMs);
     return true;
 }

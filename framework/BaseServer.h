@@ -27,7 +27,7 @@ template <class T>
 class BaseServer : public Runnable {
 public:
     explicit BaseServer(const char* name_)
-        : capacity(100), count(0), thread(0), state(2), name(name_) {
+        : capacity(100), count(0), thread(0), state(kPaused), name(name_) {
         pthread_mutex_init(&mutex, nullptr);
         pthread_cond_init(&cond, nullptr);
     }
@@ -42,14 +42,14 @@ public:
     // Appends a block; waits while the queue is full. A stopping stage drops
     // it, also when it stops during the wait.
     virtual void enqueue(boost::shared_ptr<T> block) {
-        bool stopping = state == 1;
+        bool stopping = state == kStopping;
         if (!stopping) {
             pthread_mutex_lock(&mutex);
             // The wait ends when the stage stops: a producer never waits for
             // room that a stopped run loop will not make.
-            while (state != 1 && count >= capacity)
+            while (state != kStopping && count >= capacity)
                 pthread_cond_wait(&cond, &mutex);
-            stopping = state == 1;
+            stopping = state == kStopping;
             if (!stopping) {
                 queue.push_back(block);
                 ++count;
@@ -66,13 +66,13 @@ public:
     // Takes the front block; waits while the queue is empty or the stage is
     // paused. Empty pointer once the stage is stopping. Run loop only.
     boost::shared_ptr<T> pop() {
-        if (state == 1)
+        if (state == kStopping)
             return boost::shared_ptr<T>();
         pthread_mutex_lock(&mutex);
         // The state is looked at before every wait too: a stop() between the
         // test above and the lock has already broadcast.
-        while (state == 1 || count == 0 || state == 2) {
-            if (state == 1) {
+        while (state == kStopping || count == 0 || state == kPaused) {
+            if (state == kStopping) {
                 // Leaves the lock free, so that a second stop() or a waiting
                 // producer does not wait for it for ever.
                 pthread_mutex_unlock(&mutex);
@@ -93,26 +93,26 @@ public:
     // is paused; true once it runs, false once it is stopping. Stage's own
     // thread; takes `mutex` only while paused.
     bool holdWhilePaused() {
-        if (state == 0)
+        if (state == kRunning)
             return true;
         pthread_mutex_lock(&mutex);
-        if (state == 2)
+        if (state == kPaused)
             ZQLOG_INFO("%s held while paused", name);
-        while (state == 2)
+        while (state == kPaused)
             pthread_cond_wait(&cond, &mutex);
-        const bool running = state == 0;
+        const bool running = state == kRunning;
         pthread_mutex_unlock(&mutex);
         return running;
     }
 
     void start() override {
         int now = state;
-        if (now == 1) {
+        if (now == kStopping) {
             ZQLOG_WARN("SYSTEM is Stopping cannot start it again %s", name);
-        } else if (now == 2) {
+        } else if (now == kPaused) {
             ZQLOG_INFO("%s is now paused play it again", name);
             pthread_mutex_lock(&mutex);
-            state.compare_exchange_strong(now, 0);  // a stop() meanwhile stays
+            state.compare_exchange_strong(now, kRunning);  // a stop() meanwhile stays
             pthread_cond_broadcast(&cond);
             pthread_mutex_unlock(&mutex);
         }
@@ -120,16 +120,16 @@ public:
 
     void pause() override {
         int now = state;
-        while (now != 1 && !state.compare_exchange_weak(now, 2)) {
+        while (now != kStopping && !state.compare_exchange_weak(now, kPaused)) {
         }
-        if (now == 1)
+        if (now == kStopping)
             ZQLOG_WARN("SYSTEM is Stopping cannot be paused %s", name);
     }
 
     void stop() override {
         ZQLOG_INFO("%s stop %x", name, unsigned(reinterpret_cast<uintptr_t>(this)));
         pthread_mutex_lock(&mutex);
-        state = 1;
+        state = kStopping;
         while (count != 0) {
             ZQLOG_INFO("%s stop DELETING %d", name, count);
             queue.front().reset();
@@ -174,7 +174,7 @@ protected:
     pthread_mutex_t mutex;
     pthread_cond_t cond;
     pthread_t thread;
-    std::atomic<int> state;  // 0 running, 1 stopping, 2 paused
+    std::atomic<int> state;  // kRunning, kStopping or kPaused
     const char* name;
 };
 

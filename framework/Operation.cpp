@@ -23,18 +23,6 @@ Operation::Operation(int id_, unsigned handle_, const std::string& deviceId_,
       rootInode(0),
       writeFailed(false) {}
 
-Operation::Operation(const Operation& other)
-    : id(other.id),
-      handle(other.handle),
-      deviceId(other.deviceId),
-      mountPoint(other.mountPoint),
-      lastBlock(other.lastBlock),
-      deviceGone(other.deviceGone),
-      rootDevice(other.rootDevice),
-      rootInode(other.rootInode),
-      writeFailed(other.writeFailed),
-      unreadable(other.unreadable) {}
-
 Operation::~Operation() = default;
 
 }  // namespace kestrow

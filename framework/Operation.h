@@ -12,7 +12,7 @@ public:
     Operation();
     Operation(int id, unsigned handle, const std::string& deviceId, const std::string& mountPoint,
               bool lastBlock);
-    Operation(const Operation& other);
+    Operation(const Operation& other) = default;
     Operation& operator=(const Operation& other) = default;
     ~Operation();
 

@@ -8,6 +8,11 @@ namespace kestrow {
 // types. Lifecycle: construct (paused), launch, start, stop, join, delete.
 class Runnable {
 public:
+    // A stage's run state.
+    static constexpr int kRunning = 0;
+    static constexpr int kStopping = 1;
+    static constexpr int kPaused = 2;
+
     virtual void join() = 0;
     virtual void start() = 0;
     virtual void stop() = 0;

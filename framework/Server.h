@@ -31,7 +31,7 @@ public:
     void runLoop() override {
         for (;;) {
             boost::shared_ptr<TIN> input = this->pop();
-            if (!input || this->state == 1)
+            if (!input || this->state == Runnable::kStopping)
                 break;
             boost::shared_ptr<TOUT> result;
             try {
@@ -40,7 +40,7 @@ public:
                     // A paused stage hands its result on as a running one
                     // does: pausing holds work, it never drops it. Only a
                     // stopping stage keeps back all but a completing block.
-                    const bool stopping = this->state == 1;
+                    const bool stopping = this->state == Runnable::kStopping;
                     if (!stopping && result->operation.lastBlock)
                         this->signalCompletion(result->operation);
                     if (!stopping || result->operation.lastBlock)
@@ -49,7 +49,7 @@ public:
             } catch (const std::exception& e) {
                 ZQLOG_ERROR("%s: an error occured: %s", this->name, e.what());
                 // Paused or running, the failed block's operation goes on.
-                if (next && (this->state != 1 || input->operation.lastBlock)) {
+                if (next && (this->state != Runnable::kStopping || input->operation.lastBlock)) {
                     boost::shared_ptr<TOUT> empty(new TOUT());
                     empty->operation = input->operation;
                     next->enqueue(empty);
@@ -57,7 +57,7 @@ public:
             }
             result.reset();
             input.reset();
-            if (this->state == 1)
+            if (this->state == Runnable::kStopping)
                 break;
         }
         ZQLOG_INFO("%s EXITING Run Loop", this->name);

@@ -37,7 +37,7 @@ boost::shared_ptr<Block<FileInfo*>> ChangeFinder::doOperation(
 
     if (!out->items.empty()) {
         DatabaseMgr::instance().insertStatus(op.deviceId, op.mountPoint, "PROGRESS");
-        if (state == 0) {
+        if (state == Runnable::kRunning) {
             emit KestrowQTProxy::instance().contentModified(
                 QString::fromUtf8(op.mountPoint.c_str()));
         }

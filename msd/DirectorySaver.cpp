@@ -66,6 +66,57 @@ std::vector<DirectorySaver::StoredRow> DirectorySaver::rowsOutOfReach(Block<Dire
     return rows;
 }
 
+std::vector<std::string> DirectorySaver::storedIds(const std::string& mountPoint,
+                                                   const std::string& scope) {
+    std::vector<std::string> stored;
+    istream.query("SELECT OBJECTID FROM DIRECTORIES WHERE " + scope + " ORDER BY OBJECTID;");
+    istream.bind(1, mountPoint);
+    for (;;) {
+        istream.step();
+        if (!istream.good())
+            break;
+        std::string id;  // "" for a NULL id: a change, so the row is rewritten
+        istream >> id;
+        stored.push_back(id);
+    }
+    istream.finalize();
+    std::sort(stored.begin(), stored.end());
+    return stored;
+}
+
+void DirectorySaver::rewrite(const Block<Directory*>& block, const std::vector<StoredRow>& kept,
+                             const std::set<std::string>& found, const std::string& scope) {
+    ostream.exec("BEGIN TRANSACTION;");
+    ostream.query("DELETE FROM DIRECTORIES WHERE " + scope + ";");
+    ostream << block.operation.mountPoint << sqlstl::step;
+
+    const char* insert =
+        "INSERT INTO DIRECTORIES (PARTITION_ID, PATH,  NAME, OBJECTID, PARENT_ID)              "
+        "                               VALUES (?,?,?,?,?);";
+    static const std::string kNoParent;
+    ostream.query(insert);
+    for (const Directory* d : block.items) {
+        if (!d || !d->hasMusic)
+            continue;
+        if (!ostream.good())
+            ostream.query(insert);  // a failed row does not stop the others
+        const std::string& parent = d->parentIndex < 0
+                                        ? kNoParent
+                                        : block.items[size_t(d->parentIndex)]->objectId.toString();
+        ostream << d->partitionId.toString() << d->path << d->name << d->objectId.toString()
+                << parent << sqlstl::step;
+    }
+    for (const StoredRow& row : kept) {
+        if (found.count(row[3]))
+            continue;
+        if (!ostream.good())
+            ostream.query(insert);
+        ostream << row[0] << row[1] << row[2] << row[3] << row[4] << sqlstl::step;
+    }
+    ostream.finalize();
+    ostream.exec("END TRANSACTION;");
+}
+
 boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
     boost::shared_ptr<Block<Directory*>> in) {
     ZQLOG_INFO("DirectorySaver for: %u", unsigned(in->items.size()));
@@ -97,19 +148,7 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
     std::sort(device.begin(), device.end());
     device.erase(std::unique(device.begin(), device.end()), device.end());
 
-    std::vector<std::string> stored;
-    istream.query("SELECT OBJECTID FROM DIRECTORIES WHERE " + scope + " ORDER BY OBJECTID;");
-    istream.bind(1, mountPoint);
-    for (;;) {
-        istream.step();
-        if (!istream.good())
-            break;
-        std::string id;  // "" for a NULL id: a change, so the row is rewritten
-        istream >> id;
-        stored.push_back(id);
-    }
-    istream.finalize();
-    std::sort(stored.begin(), stored.end());
+    const std::vector<std::string> stored = storedIds(mountPoint, scope);
 
     std::vector<std::string> changes;
     std::set_symmetric_difference(device.begin(), device.end(), stored.begin(), stored.end(),
@@ -118,38 +157,10 @@ boost::shared_ptr<Block<void>> DirectorySaver::doOperation(
         ZQLOG_INFO("RNC: Did not find changes");
     } else {
         ZQLOG_INFO("RNC: Found changes %u", unsigned(changes.size()));
-        if (state == 0) {
+        if (state == Runnable::kRunning) {
             emit KestrowQTProxy::instance().contentModified(QString::fromUtf8(mountPoint.c_str()));
         }
-        ostream.exec("BEGIN TRANSACTION;");
-        ostream.query("DELETE FROM DIRECTORIES WHERE " + scope + ";");
-        ostream << mountPoint << sqlstl::step;
-
-        const char* insert =
-            "INSERT INTO DIRECTORIES (PARTITION_ID, PATH,  NAME, OBJECTID, PARENT_ID)              "
-            "                               VALUES (?,?,?,?,?);";
-        static const std::string kNoParent;
-        ostream.query(insert);
-        for (const Directory* d : in->items) {
-            if (!d || !d->hasMusic)
-                continue;
-            if (!ostream.good())
-                ostream.query(insert);  // a failed row does not stop the others
-            const std::string& parent =
-                d->parentIndex < 0 ? kNoParent
-                                   : in->items[size_t(d->parentIndex)]->objectId.toString();
-            ostream << d->partitionId.toString() << d->path << d->name << d->objectId.toString()
-                    << parent << sqlstl::step;
-        }
-        for (const StoredRow& row : kept) {
-            if (found.count(row[3]))
-                continue;
-            if (!ostream.good())
-                ostream.query(insert);
-            ostream << row[0] << row[1] << row[2] << row[3] << row[4] << sqlstl::step;
-        }
-        ostream.finalize();
-        ostream.exec("END TRANSACTION;");
+        rewrite(*in, kept, found, scope);
     }
 
     ZQLOG_INFO("DirectorySaver timer: %ld", timer.stop());

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <boost/shared_ptr.hpp>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,12 @@ private:
     // Such a folder is marked as leading to music when rows lie in or below
     // it, so that it and its ancestors stay stored too.
     std::vector<StoredRow> rowsOutOfReach(Block<Directory*>* block, const std::string& scope);
+    // The object ids of the mount point's stored rows, sorted ("" for a NULL id).
+    std::vector<std::string> storedIds(const std::string& mountPoint, const std::string& scope);
+    // Replaces the mount point's rows by the folders of `block` that lead to
+    // music and the `kept` rows not found again, in one transaction.
+    void rewrite(const Block<Directory*>& block, const std::vector<StoredRow>& kept,
+                 const std::set<std::string>& found, const std::string& scope);
 };
 
 }  // namespace kestrow

@@ -59,12 +59,12 @@ int Encoder::leadingNumber(const TagLib::String& text) {
 }
 
 MetaDataInfo* Encoder::guessAndConvert(const std::string& path, const std::string& mountPoint,
-                                       long lastModified, const TagLib::Tag* tag) {
+                                       int64_t lastModified, const TagLib::Tag* tag) {
     return guessAndConvert(path, mountPoint, lastModified, tag, TagLib::PropertyMap());
 }
 
 MetaDataInfo* Encoder::guessAndConvert(const std::string& path, const std::string& mountPoint,
-                                       long lastModified, const TagLib::Tag* tag,
+                                       int64_t lastModified, const TagLib::Tag* tag,
                                        const TagLib::PropertyMap& properties) {
     if (!tag)
         return nullptr;

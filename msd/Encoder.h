@@ -21,9 +21,9 @@ public:
     // not in TagLib's Tag: they come from `properties` (COMPOSER, DISCNUMBER);
     // the overload without it leaves them empty and 0.
     MetaDataInfo* guessAndConvert(const std::string& path, const std::string& mountPoint,
-                                  long lastModified, const TagLib::Tag* tag);
+                                  int64_t lastModified, const TagLib::Tag* tag);
     MetaDataInfo* guessAndConvert(const std::string& path, const std::string& mountPoint,
-                                  long lastModified, const TagLib::Tag* tag,
+                                  int64_t lastModified, const TagLib::Tag* tag,
                                   const TagLib::PropertyMap& properties);
 
     // The leading number of a text such as "2/3" (2); 0 when there is none.

@@ -2,11 +2,7 @@
 
 namespace kestrow {
 
-FileInfo::FileInfo(const std::string& path_, unsigned reserved_, int lastModified_)
+FileInfo::FileInfo(const std::string& path_, unsigned reserved_, int64_t lastModified_)
     : path(new std::string(path_)), reserved(reserved_), lastModified(lastModified_) {}
-
-FileInfo::~FileInfo() {
-    delete path;
-}
 
 }  // namespace kestrow

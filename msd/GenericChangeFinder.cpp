@@ -44,11 +44,8 @@ GenericChangeFinder::GenericChangeFinder(const char* name_,
                                          const Operation& operation_)
     : name(name_), ostream(ostream_), istream(istream_), operation(operation_) {}
 
-int GenericChangeFinder::findDifference(const std::string& select, const std::string& deleteText,
-                                        Block<FileInfo*>* in, Block<FileInfo*>* out,
-                                        bool bindMountPoint) {
-    Timer timer;
-
+std::vector<DbObject> GenericChangeFinder::readStored(const std::string& select,
+                                                      bool bindMountPoint) {
     std::vector<DbObject> objects;
     istream.query(select);
     // Bound, not pasted into the text: no character of a volume label is
@@ -71,13 +68,35 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
     }
     istream.finalize();
 
-    std::vector<FileInfo*>& files = in->items;
-    files.erase(std::remove(files.begin(), files.end(), nullptr), files.end());
-    std::sort(files.begin(), files.end(), fileBefore);
     // The rows come in path order when the select walks the path index: a
     // check is cheaper than sorting them again.
     if (!std::is_sorted(objects.begin(), objects.end(), objectBefore))
         std::sort(objects.begin(), objects.end(), objectBefore);
+    return objects;
+}
+
+void GenericChangeFinder::deleteRows(const std::string& deleteText,
+                                     const std::vector<const DbObject*>& rows) {
+    ostream.exec("BEGIN TRANSACTION;");
+    ostream.query(deleteText);
+    for (const DbObject* object : rows) {
+        if (!ostream.good())
+            ostream.query(deleteText);  // a failed row does not stop the others
+        ostream << object->id << sqlstl::step;
+    }
+    ostream.exec("END TRANSACTION;");
+    ostream.finalize();
+}
+
+int GenericChangeFinder::findDifference(const std::string& select, const std::string& deleteText,
+                                        Block<FileInfo*>* in, Block<FileInfo*>* out,
+                                        bool bindMountPoint) {
+    Timer timer;
+
+    std::vector<DbObject> objects = readStored(select, bindMountPoint);
+    std::vector<FileInfo*>& files = in->items;
+    files.erase(std::remove(files.begin(), files.end(), nullptr), files.end());
+    std::sort(files.begin(), files.end(), fileBefore);
     ZQLOG_INFO("%s: Data Inside db Count: %u, Data Inside device count %d (op:%d)", name,
                unsigned(objects.size()), int(files.size()), operation.id);
 
@@ -118,17 +137,8 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
         ZQLOG_WARN("%s: %u rows kept below unreadable folders (op:%d)", name, unsigned(kept),
                    operation.id);
 
-    if (!toDelete.empty()) {
-        ostream.exec("BEGIN TRANSACTION;");
-        ostream.query(deleteText);
-        for (const DbObject* object : toDelete) {
-            if (!ostream.good())
-                ostream.query(deleteText);  // a failed row does not stop the others
-            ostream << object->id << sqlstl::step;
-        }
-        ostream.exec("END TRANSACTION;");
-        ostream.finalize();
-    }
+    if (!toDelete.empty())
+        deleteRows(deleteText, toDelete);
 
     ZQLOG_INFO("ChangeFinder timer: %ld", timer.stop());
     ZQLOG_INFO("%s: Data to be added to db size: %u (op:%d)", name, unsigned(out->items.size()),

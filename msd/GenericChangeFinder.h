@@ -1,9 +1,11 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "framework/Block.h"
 #include "framework/Operation.h"
+#include "msd/DbObject.h"
 #include "msd/FileInfo.h"
 #include "sql/SqlStream.h"
 
@@ -28,6 +30,11 @@ public:
                        Block<FileInfo*>* in, Block<FileInfo*>* out, bool bindMountPoint);
 
 private:
+    // The stored rows of `select`, in path order.
+    std::vector<DbObject> readStored(const std::string& select, bool bindMountPoint);
+    // Deletes the rows with `deleteText` (one integer parameter: the ID), in one transaction.
+    void deleteRows(const std::string& deleteText, const std::vector<const DbObject*>& rows);
+
     const char* name;
     sqlstl::basic_sqlostream<char>& ostream;
     sqlstl::basic_sqlistream<char>& istream;

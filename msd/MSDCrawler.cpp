@@ -16,6 +16,7 @@
 #include "db/Timer.h"
 #include "facade/KestrowQTProxy.h"
 #include "msd/MountPointCheck.h"
+#include "platform/common/Handles.h"
 
 namespace kestrow {
 
@@ -118,10 +119,31 @@ void MSDCrawler::setDirectoryHook(std::function<void(const std::string&)> hook) 
     directoryHook = std::move(hook);
 }
 
+// What one walk has found so far; the crawler's thread only.
+struct MSDCrawler::Walk {
+    explicit Walk(boost::shared_ptr<Block<Directory*>> in_)
+        : in(in_), songs(new Block<FileInfo*>()), playlists(new Block<FileInfo*>()) {
+        songs->operation = in->operation;
+        playlists->operation = in->operation;
+    }
+    void markGone() {
+        in->operation.deviceGone = true;
+        songs->operation.deviceGone = true;
+        playlists->operation.deviceGone = true;
+    }
+
+    boost::shared_ptr<Block<Directory*>> in;  // its items: the folders found, in walk order
+    boost::shared_ptr<Block<FileInfo*>> songs;
+    boost::shared_ptr<Block<FileInfo*>> playlists;
+    std::string root;               // the mount point, resolved
+    std::set<DirectoryKey> walked;  // no folder is walked twice
+    std::vector<std::string> unreadable;
+    uint16_t tracks = 0;
+};
+
 boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
     boost::shared_ptr<Block<Directory*>> in) {
     std::vector<Directory*>& dirs = in->items;
-    const std::string mountPoint = in->operation.mountPoint;
     ZQLOG_INFO("MSDCrawler for: %s (op: %d)", dirs.empty() ? "" : dirs[0]->path.c_str(),
                in->operation.id);
     Timer timer;
@@ -130,148 +152,140 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
     if (!in->operation.rootDevice && !in->operation.rootInode)
         MountPointCheck::record(in->operation);
 
-    boost::shared_ptr<Block<FileInfo*>> songs(new Block<FileInfo*>());
-    songs->operation = in->operation;
-    boost::shared_ptr<Block<FileInfo*>> playlists(new Block<FileInfo*>());
-    playlists->operation = in->operation;
-
     // Links may only lead to places inside the mount point, and no directory
     // is walked twice: a link to "..", "." or "/" cannot make the walk loop.
-    const std::string root = resolve(mountPoint);
-    std::set<DirectoryKey> walked;
+    Walk walk(in);
+    walk.root = resolve(in->operation.mountPoint);
     for (const Directory* d : dirs) {
         struct stat st;
         if (stat(d->path.c_str(), &st) == 0)
-            walked.insert(DirectoryKey(st.st_dev, st.st_ino));
+            walk.walked.insert(DirectoryKey(st.st_dev, st.st_ino));
     }
-
-    auto markGone = [&] {
-        in->operation.deviceGone = true;
-        songs->operation.deviceGone = true;
-        playlists->operation.deviceGone = true;
-    };
-    uint16_t tracks = 0;
-    std::vector<std::string> unreadable;
     for (size_t index = 0; index < dirs.size(); ++index) {
-        Directory* current = dirs[index];
-        if (directoryHook)
-            directoryHook(current->path);
-        // Checked before each folder, not only when one fails to open: the
-        // folder a stick was mounted on can be opened once the stick is gone.
-        if (MountPointCheck::lost(in->operation)) {
-            markGone();
-            break;
-        }
-        DIR* dir = opendir(current->path.c_str());
-        if (!dir) {
-            ZQLOG_WARN("Error opening dir: %s", current->path.c_str());
-            if (MountPointCheck::lost(in->operation)) {
-                markGone();
-                break;
-            }
-            ZQLOG_WARN("go on");
-            // Out of reach, not gone: what the folder held stays in the database.
-            unreadable.push_back(current->path);
-            continue;
-        }
-        int readError = 0;  // the first error that hid entries of this folder
-        bool stopping = false;
-        while (tracks < kTrackLimit) {
-            // A paused walk waits here, between two entries, and goes on from
-            // here when started again, rather than end with what it has found
-            // so far. A stop ends it.
-            if (!holdWhilePaused()) {
-                stopping = true;
-                break;
-            }
-            errno = 0;
-            struct dirent* entry = readdir(dir);
-            if (!entry) {
-                readError = readError ? readError : errno;
-                break;
-            }
-            const char* name = entry->d_name;
-            if (isSkippedName(name))
-                continue;
-            // A plain file that is neither a song nor a playlist needs no stat.
-            FileKind kind = OTHER;
-            if (entry->d_type == DT_REG) {
-                if (name[0] == '.')
-                    continue;
-                kind = kindOf(name);
-                if (kind == OTHER)
-                    continue;
-            }
-            std::string path = current->path + "/" + name;
-            struct stat st;
-            // Looked up from the open folder, not along the whole path again.
-            if (fstatat(dirfd(dir), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-                if (errno == EACCES || errno == EIO)
-                    readError = readError ? readError : errno;
-                continue;
-            }
-            if (S_ISLNK(st.st_mode)) {
-                std::string target = resolve(path);
-                if (target.empty())
-                    continue;  // dangling or looping: stat would fail as well
-                if (!isBelow(target, root)) {
-                    ZQLOG_DEBUG("link leads out of the mount point, skipped: %s", path.c_str());
-                    continue;
-                }
-                if (stat(path.c_str(), &st) != 0)
-                    continue;
-            }
-            if (S_ISDIR(st.st_mode)) {
-                if (!walked.insert(DirectoryKey(st.st_dev, st.st_ino)).second) {
-                    ZQLOG_DEBUG("directory already walked, skipped: %s", path.c_str());
-                    continue;
-                }
-                dirs.push_back(new Directory(path, mountPoint, int(index)));
-                continue;
-            }
-            if (!S_ISREG(st.st_mode) || name[0] == '.')
-                continue;
-            if (entry->d_type != DT_REG)
-                kind = kindOf(name);
-            if (kind == SONG) {
-                songs->items.push_back(new FileInfo(path, 0, int(st.st_mtime)));
-                current->hasMusic = true;
-                ++tracks;
-            } else if (kind == PLAYLIST) {
-                playlists->items.push_back(new FileInfo(path, 0, int(st.st_mtime)));
-            }
-        }
-        closedir(dir);
-        if (readError) {
-            ZQLOG_WARN("Error reading dir: %s: %s", current->path.c_str(),
-                       std::strerror(readError));
-            unreadable.push_back(current->path);
-        }
-        if (stopping)
+        const FolderEnd end = readFolder(walk, index);
+        if (end == FolderEnd::DEVICE_GONE)
+            walk.markGone();
+        if (end != FolderEnd::READ)
             break;
     }
+    if (walk.tracks == kTrackLimit)
+        ZQLOG_WARN("%d track reached", int(walk.tracks));
 
-    if (tracks == kTrackLimit)
-        ZQLOG_WARN("%d track reached", int(tracks));
-
-    in->operation.unreadable = unreadable;
-    songs->operation.unreadable = unreadable;
-    playlists->operation.unreadable = unreadable;
-    playlists->operation.lastBlock = true;
+    for (Operation* op : {&in->operation, &walk.songs->operation, &walk.playlists->operation})
+        op->unreadable = walk.unreadable;
+    walk.playlists->operation.lastBlock = true;
     if (playlistSink)
-        playlistSink->enqueue(playlists);
+        playlistSink->enqueue(walk.playlists);
     if (directorySink)
         directorySink->enqueue(in);
 
     ZQLOG_INFO("MSDCrawler timer: %ld (op: %d) found %u", timer.stop(), in->operation.id,
-               unsigned(songs->items.size()));
-    return songs;
+               unsigned(walk.songs->items.size()));
+    return walk.songs;
+}
+
+MSDCrawler::FolderEnd MSDCrawler::readFolder(Walk& walk, size_t index) {
+    Directory* current = walk.in->items[index];
+    if (directoryHook)
+        directoryHook(current->path);
+    // Checked before each folder, not only when one fails to open: the
+    // folder a stick was mounted on can be opened once the stick is gone.
+    if (MountPointCheck::lost(walk.in->operation))
+        return FolderEnd::DEVICE_GONE;
+    olvane::DirHandle dir(opendir(current->path.c_str()));
+    if (!dir) {
+        ZQLOG_WARN("Error opening dir: %s", current->path.c_str());
+        if (MountPointCheck::lost(walk.in->operation))
+            return FolderEnd::DEVICE_GONE;
+        ZQLOG_WARN("go on");
+        // Out of reach, not gone: what the folder held stays in the database.
+        walk.unreadable.push_back(current->path);
+        return FolderEnd::READ;
+    }
+    int readError = 0;  // the first error that hid entries of this folder
+    FolderEnd end = FolderEnd::READ;
+    while (walk.tracks < kTrackLimit) {
+        // A paused walk waits here, between two entries, and goes on from
+        // here when started again, rather than end with what it has found
+        // so far. A stop ends it.
+        if (!holdWhilePaused()) {
+            end = FolderEnd::STOPPING;
+            break;
+        }
+        errno = 0;
+        const struct dirent* entry = readdir(dir.get());
+        if (!entry) {
+            readError = readError ? readError : errno;
+            break;
+        }
+        addEntry(walk, index, dirfd(dir.get()), entry, readError);
+    }
+    if (readError) {
+        ZQLOG_WARN("Error reading dir: %s: %s", current->path.c_str(), std::strerror(readError));
+        walk.unreadable.push_back(current->path);
+    }
+    return end;
+}
+
+void MSDCrawler::addEntry(Walk& walk, size_t index, int folderFd, const struct dirent* entry,
+                          int& readError) {
+    const char* name = entry->d_name;
+    if (isSkippedName(name))
+        return;
+    // A plain file that is neither a song nor a playlist needs no stat.
+    FileKind kind = OTHER;
+    if (entry->d_type == DT_REG) {
+        if (name[0] == '.')
+            return;
+        kind = kindOf(name);
+        if (kind == OTHER)
+            return;
+    }
+    Directory* current = walk.in->items[index];
+    std::string path = current->path + "/" + name;
+    struct stat st;
+    // Looked up from the open folder, not along the whole path again.
+    if (fstatat(folderFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == EACCES || errno == EIO)
+            readError = readError ? readError : errno;
+        return;
+    }
+    if (S_ISLNK(st.st_mode)) {
+        std::string target = resolve(path);
+        if (target.empty())
+            return;  // dangling or looping: stat would fail as well
+        if (!isBelow(target, walk.root)) {
+            ZQLOG_DEBUG("link leads out of the mount point, skipped: %s", path.c_str());
+            return;
+        }
+        if (stat(path.c_str(), &st) != 0)
+            return;
+    }
+    if (S_ISDIR(st.st_mode)) {
+        if (!walk.walked.insert(DirectoryKey(st.st_dev, st.st_ino)).second) {
+            ZQLOG_DEBUG("directory already walked, skipped: %s", path.c_str());
+            return;
+        }
+        walk.in->items.push_back(new Directory(path, walk.in->operation.mountPoint, int(index)));
+        return;
+    }
+    if (!S_ISREG(st.st_mode) || name[0] == '.')
+        return;
+    if (entry->d_type != DT_REG)
+        kind = kindOf(name);
+    if (kind == SONG) {
+        walk.songs->items.push_back(new FileInfo(path, 0, int64_t(st.st_mtime)));
+        current->hasMusic = true;
+        ++walk.tracks;
+    } else if (kind == PLAYLIST) {
+        walk.playlists->items.push_back(new FileInfo(path, 0, int64_t(st.st_mtime)));
+    }
 }
 
 void MSDCrawler::signalCompletion(const Operation& op) {
     // A crawler paused after its walk has still crawled everything: only a
     // stopping one keeps quiet.
-    if (state == 1) {
+    if (state == Runnable::kStopping) {
         ZQLOG_INFO("Skip signalCrawlingFinished");
         return;
     }

@@ -9,6 +9,8 @@
 #include "msd/Directory.h"
 #include "msd/FileInfo.h"
 
+struct dirent;
+
 namespace kestrow {
 
 // Walks a mounted file system breadth-first from the directory block's items
@@ -53,6 +55,15 @@ public:
     void signalCompletion(const Operation& op) override;
 
 private:
+    struct Walk;
+    enum class FolderEnd { READ, DEVICE_GONE, STOPPING };
+    // Reads the folder dirs[index] of the walk, adding what it holds.
+    FolderEnd readFolder(Walk& walk, size_t index);
+    // Adds one entry of the open folder dirs[index]; records in `readError`
+    // the first error that hid an entry.
+    void addEntry(Walk& walk, size_t index, int folderFd, const struct dirent* entry,
+                  int& readError);
+
     BaseServer<Block<FileInfo*>>* playlistSink;
     BaseServer<Block<Directory*>>* directorySink;
     std::function<void(const std::string&)> directoryHook;

@@ -7,7 +7,6 @@
 
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -22,9 +21,14 @@ namespace kestrow {
 
 namespace {
 
-// Takes TagLib's diagnostics into the log at debug level.
+// Takes TagLib's diagnostics into the log at debug level. Installs itself as
+// TagLib's debug listener for its life, and gives TagLib its own back when
+// it goes.
 class TagLibToLog : public TagLib::DebugListener {
 public:
+    TagLibToLog() { TagLib::setDebugListener(this); }
+    ~TagLibToLog() override { TagLib::setDebugListener(nullptr); }
+
     void printMessage(const TagLib::String& message) override {
         std::string text = message.to8Bit(true);
         while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
@@ -37,15 +41,10 @@ public:
 // TagLib's diagnostics go to the log through its own listener, installed
 // once per process, instead of standard error being swapped per block:
 // overlapping miners must not leave std::cerr on a buffer that one of them
-// has freed, and the host's stderr stays its own.
-// The listener lives as long as the process: TagLib may report from any thread.
+// has freed, and the host's stderr stays its own. A static object, not a
+// heap one: reachable until exit, and destroyed before TagLib's own.
 void silenceTagLib() {
-    static std::once_flag once;
-    static TagLibToLog* listener = nullptr;
-    std::call_once(once, [] {
-        listener = new TagLibToLog();
-        TagLib::setDebugListener(listener);
-    });
+    static TagLibToLog listener;
 }
 
 }  // namespace
@@ -66,6 +65,61 @@ void MSDMiner::setFileHook(std::function<void(const std::string&)> hook) {
     fileHook = std::move(hook);
 }
 
+bool MSDMiner::readTrack(const FileInfo& file, const Operation& op,
+                         std::vector<MetaDataInfo*>& out) {
+    const std::string& path = *file.path;
+    const std::string& mountPoint = op.mountPoint;
+    try {
+        BoundedFileStream stream(path);
+        TagLib::FileRef ref;
+        // Without audio properties, unlike the "average" style: no column
+        // needs them, and TagLib would look for them through the whole file.
+        if (!stream.error())
+            ref = TagLib::FileRef(&stream, false);
+        if (stream.cutShort())
+            ZQLOG_INFO("reading cut short after %u reads: %s", stream.reads(), path.c_str());
+        if (stream.error()) {
+            ZQLOG_WARN("cannot read track: %s: %s", path.c_str(), std::strerror(stream.error()));
+            if (MountPointCheck::lost(op)) {
+                return false;
+            }
+            // Its row holds no tags until the file can be read.
+            ZQLOG_INFO("insert empty, to be read again: %s", path.c_str());
+            MetaDataInfo* info =
+                new MetaDataInfo(path, mountPoint, std::string(), std::string(), std::string(),
+                                 std::string(), std::string(), 1, 1, file.lastModified);
+            info->lastModified = FileInfo::kUnreadTime;
+            out.push_back(info);
+            return true;
+        }
+        if (ref.isNull()) {
+            ZQLOG_INFO("NULL file for track: %s", path.c_str());
+            if (MountPointCheck::lost(op)) {
+                return false;
+            }
+            ZQLOG_INFO("insert empty: %s", path.c_str());
+            out.push_back(new MetaDataInfo(path, mountPoint, std::string(), std::string(),
+                                           std::string(), std::string(), std::string(), 1, 1,
+                                           file.lastModified));
+            return true;
+        }
+        const TagLib::Tag* tag = ref.tag();
+        if (!tag)
+            return true;
+        MetaDataInfo* info = Encoder::instance().guessAndConvert(
+            path, mountPoint, file.lastModified, tag, ref.file()->properties());
+        if (!info) {
+            ZQLOG_ERROR("invalid encoding");
+            return true;
+        }
+        info->setAsianFields();
+        out.push_back(info);
+    } catch (const std::exception& e) {
+        ZQLOG_ERROR("exception from taglib for track: %s what %s", path.c_str(), e.what());
+    }
+    return true;
+}
+
 boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
     boost::shared_ptr<Block<FileInfo*>> in) {
     ZQLOG_INFO("MSDMiner for: %u (op: %d)", unsigned(in->items.size()), in->operation.id);
@@ -81,7 +135,6 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
         return out;
     }
 
-    const std::string& mountPoint = in->operation.mountPoint;
     // The files a window ahead are announced to the kernel, so that their
     // reads are under way while this one is parsed.
     std::vector<FileInfo*>& files = in->items;
@@ -105,56 +158,9 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
             markGone(out->operation);
             break;
         }
-        try {
-            BoundedFileStream stream(path);
-            TagLib::FileRef ref;
-            // Without audio properties, unlike the "average" style: no column
-            // needs them, and TagLib would look for them through the whole file.
-            if (!stream.error())
-                ref = TagLib::FileRef(&stream, false);
-            if (stream.cutShort())
-                ZQLOG_INFO("reading cut short after %u reads: %s", stream.reads(), path.c_str());
-            if (stream.error()) {
-                ZQLOG_WARN("cannot read track: %s: %s", path.c_str(),
-                           std::strerror(stream.error()));
-                if (MountPointCheck::lost(in->operation)) {
-                    markGone(out->operation);
-                    break;
-                }
-                // Its row holds no tags until the file can be read.
-                ZQLOG_INFO("insert empty, to be read again: %s", path.c_str());
-                MetaDataInfo* info =
-                    new MetaDataInfo(path, mountPoint, std::string(), std::string(), std::string(),
-                                     std::string(), std::string(), 1, 1, file->lastModified);
-                info->lastModified = FileInfo::kUnreadTime;
-                out->items.push_back(info);
-                continue;
-            }
-            if (ref.isNull()) {
-                ZQLOG_INFO("NULL file for track: %s", path.c_str());
-                if (MountPointCheck::lost(in->operation)) {
-                    markGone(out->operation);
-                    break;
-                }
-                ZQLOG_INFO("insert empty: %s", path.c_str());
-                out->items.push_back(new MetaDataInfo(path, mountPoint, std::string(),
-                                                      std::string(), std::string(), std::string(),
-                                                      std::string(), 1, 1, file->lastModified));
-                continue;
-            }
-            const TagLib::Tag* tag = ref.tag();
-            if (!tag)
-                continue;
-            MetaDataInfo* info = Encoder::instance().guessAndConvert(
-                path, mountPoint, file->lastModified, tag, ref.file()->properties());
-            if (!info) {
-                ZQLOG_ERROR("invalid encoding");
-                continue;
-            }
-            info->setAsianFields();
-            out->items.push_back(info);
-        } catch (const std::exception& e) {
-            ZQLOG_ERROR("exception from taglib for track: %s what %s", path.c_str(), e.what());
+        if (!readTrack(*file, in->operation, out->items)) {
+            markGone(out->operation);
+            break;
         }
     }
 

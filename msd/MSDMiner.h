@@ -40,6 +40,9 @@ public:
 private:
     // Marks the operation's device gone, for the rest of its blocks too.
     void markGone(Operation& op);
+    // Reads the tags of one file into `out`: a record, an empty one to be
+    // read again, or none. False once the device is found gone.
+    bool readTrack(const FileInfo& file, const Operation& op, std::vector<MetaDataInfo*>& out);
 
     std::function<void(const std::string&)> fileHook;
     int goneOperation;  // the operation whose device went away; stage's thread only

@@ -3,8 +3,10 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <string>
 
 #include "db/Timer.h"
+#include "platform/common/DatabaseMgr.h"
 
 namespace {
 
@@ -52,11 +54,8 @@ const char kReplaceComposer[] =
     "                               VALUES                                        (?,              "
     "                          ?,                                        ?);";
 
-const char kCleanUp[] =
-    "BEGIN TRANSACTION; DELETE FROM ARTISTS WHERE ARTISTID NOT IN ( SELECT DISTINCT ARTISTID FROM "
-    "SONGS);DELETE FROM ALBUMS WHERE ALBUMID NOT IN ( SELECT DISTINCT ALBUMID FROM SONGS);DELETE "
-    "FROM GENRES WHERE GENREID NOT IN ( SELECT DISTINCT GENREID FROM SONGS);DELETE FROM COMPOSERS "
-    "WHERE COMPOSERID NOT IN ( SELECT DISTINCT COMPOSERID FROM SONGS);COMMIT;";
+const std::string kCleanUp =
+    std::string("BEGIN TRANSACTION; ") + DatabaseMgr::kLookupCleanup + "COMMIT;";
 
 }  // namespace
 
@@ -147,12 +146,16 @@ boost::shared_ptr<Block<void>> SongSaver::doOperation(boost::shared_ptr<Block<Me
 
     if (op.lastBlock) {
         ZQLOG_INFO("Clear");
-        ostream.exec(kCleanUp);
+        ostream.exec(kCleanUp.c_str());
         ZQLOG_INFO("SongSaver close db");
         ostream.close();
         istream.close();
     }
 
+    // Only the block that completes the operation goes on to the pipeline,
+    // which finishes the operation on it; the others end here.
+    if (!op.lastBlock)
+        return boost::shared_ptr<Block<void>>();
     boost::shared_ptr<Block<void>> out(new Block<void>());
     out->operation = op;
     // Kept until the next operation opens the connection: the last block

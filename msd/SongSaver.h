@@ -22,7 +22,8 @@ namespace kestrow {
 // Writes songs and their genre, album, artist and composer rows, one
 // transaction per block. The connection is opened at an operation's first
 // block and closed after the clean-up of unused lookup rows at its last
-// block. Runs on its own thread; the connection is used by it alone.
+// block, the only one passed on, as a Block<void>. Runs on its own thread;
+// the connection is used by it alone.
 class SongSaver : public ServerDB<Block<MetaDataInfo*>, Block<void>> {
 public:
     explicit SongSaver(const char* name);

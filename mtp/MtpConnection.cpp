@@ -49,6 +49,14 @@ Playlist* MtpConnection::generatePlaylist(const std::string& deviceId, const std
     return impl->generatePlaylist(deviceId, partition, playlistId);
 }
 
+bool MtpConnection::isLeftOut(const std::string& rawPath) {
+    return Impl::isHiddenFile(rawPath) || Impl::isExcludedFile(rawPath);
+}
+
+std::string MtpConnection::getPlaylistPath(unsigned playlistId) {
+    return impl->getPlaylistPath(playlistId);
+}
+
 time_t MtpConnection::getTrackDateModifiedEpoch(unsigned trackId) {
     return impl->getTrackDateModifiedEpoch(trackId);
 }

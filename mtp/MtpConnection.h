@@ -51,12 +51,18 @@ public:
                                     const std::string& root);
     // The track's raw path; "" when the library does not know it.
     std::string getTrackFilePath(unsigned trackId);
+    // Whether a track at this raw path is left out: hidden, or Ogg.
+    bool isLeftOut(const std::string& rawPath);
+    // "mtp-playlist://<id>/<name>", the path a playlist is stored under.
+    std::string getPlaylistPath(unsigned playlistId);
     // Null for a hidden, Ogg or unlisted track, or when the device is gone.
     MetaDataInfo* generateTrack(const std::string& unused, const std::string& parent, t_track_id id,
                                 time_t modified);
     // Null for an empty playlist or when the device is gone at once.
     Playlist* generatePlaylist(const std::string& deviceId, const std::string& partition,
                                size_t playlistId);
+    // The object's modification time on the device, in seconds; 0 when the
+    // device does not tell it.
     time_t getTrackDateModifiedEpoch(unsigned trackId);
 
 private:

@@ -11,6 +11,7 @@
 
 #include "mtp/MtpDevice.h"
 #include "mtp/MtpDirectory.h"
+#include "mtp/MtpItemList.h"
 #include "platform/common/MetaDataInfo.h"
 #include "platform/log/ZQLog.h"
 #include "platform/mtputils/MtpUtils.h"
@@ -25,14 +26,6 @@ namespace {
 std::atomic<bool> retryAllowed{true};
 
 std::atomic<MtpConnection::SleepFunction> gSleep{nullptr};
-
-void freeItems(t_mtp_item_list& list, unsigned from = 0) {
-    for (unsigned i = from; i < list.count; ++i)
-        std::free(list.items[i].name);
-    std::free(list.items);
-    list.count = 0;
-    list.items = nullptr;
-}
 
 void freeNames(t_playlist_items_list& list, unsigned from) {
     for (unsigned i = from; i < list.count; ++i)
@@ -240,24 +233,22 @@ bool MtpConnection::Impl::MTPFileTree(int handle_, const int& storage, const int
     int answersAtStart = 0;
     for (;;) {
         offset += got;
-        t_mtp_item_list list = {0, nullptr};
-        status = SafeGetItems(t_handle(handle_), container, type, offset, total, list);
+        MtpItemList list;
+        status = SafeGetItems(t_handle(handle_), container, type, offset, total, list.get());
         if (status != STATUS_OK) {
             ZQLOG_INFO("Access_GetItems returns error");
-            freeItems(list);
             if (status == STATUS_BAD_HANDLE) {
                 checkStatus("MTPFileTree", status);
                 return false;
             }
         } else {
-            got = list.count;
+            got = list.size();
             if (offset == 0 || got != 0 || total == 0) {
                 retryAllowed = true;
             } else if (!retryAllowed) {
                 ZQLOG_WARN("Could not fetch all items for container %d of storage %d. Got %d / %d",
                            parent, storage, int(offset), int(total));
                 retryAllowed = true;
-                freeItems(list);
                 return true;
             } else {
                 retryAllowed = false;
@@ -269,12 +260,10 @@ bool MtpConnection::Impl::MTPFileTree(int handle_, const int& storage, const int
                 ZQLOG_WARN("New number of elements for container %d of storage %d is %d", parent,
                            storage, int(total));
             }
-            for (unsigned i = 0; i < list.count; ++i) {
-                if (!connected(t_handle(handle_))) {
-                    freeItems(list, i);  // an early exit frees the names it still holds
+            for (unsigned i = 0; i < list.size(); ++i) {
+                if (!connected(t_handle(handle_)))
                     return false;
-                }
-                const t_mtp_item& item = list.items[i];
+                t_mtp_item& item = list[i];
                 const std::string name = item.name ? item.name : "";
                 if (item.type == OBJECT_FOLDER) {
                     if (isRoot && isDirectoryBlacklisted(name)) {
@@ -283,15 +272,14 @@ bool MtpConnection::Impl::MTPFileTree(int handle_, const int& storage, const int
                         ZQLOG_DEBUG("Checking folder:%s - id:%d", name.c_str(), item.id);
                         if (!MTPFileTree(handle_, storage, item.id, false)) {
                             ZQLOG_INFO("MTPFileTree fail");
-                            freeItems(list, i);
                             return false;
                         }
                     }
                 }
-                std::free(list.items[i].name);
-                list.items[i].name = nullptr;
+                // Each name goes once read: a deep walk holds one name per level.
+                std::free(item.name);
+                item.name = nullptr;
             }
-            freeItems(list);
         }
         // Gives up a folder that keeps answering nothing at its start, instead
         // of asking it for ever.
@@ -316,30 +304,24 @@ bool MtpConnection::Impl::crawlMtpDevice() {
     ZQLOG_INFO("%d elements of TYPE_STORAGE are present in this device", int(n));
     if (status != STATUS_OK || n == 0)
         return false;
-    t_mtp_item_list storages = {0, nullptr};
-    status = SafeGetItems(handle, container, type, 0, n, storages);
+    MtpItemList storages;
+    status = SafeGetItems(handle, container, type, 0, n, storages.get());
     if (status != STATUS_OK) {
         ZQLOG_ERROR("- error while getting MTP partitions");
-        freeItems(storages);
         return false;
     }
     ZQLOG_INFO("Index   -   Name of Storage");
-    for (unsigned i = 0; i < storages.count; ++i)
-        ZQLOG_INFO("[%d] - %s of type %d", storages.items[i].id,
-                   storages.items[i].name ? storages.items[i].name : "", storages.items[i].type);
-    bool walked = true;
-    for (unsigned i = 0; i < storages.count && walked; ++i) {
-        if (!MTPFileTree(int(handle), storages.items[i].id, 0, true)) {
+    for (unsigned i = 0; i < storages.size(); ++i)
+        ZQLOG_INFO("[%d] - %s of type %d", storages[i].id, storages[i].name ? storages[i].name : "",
+                   storages[i].type);
+    for (unsigned i = 0; i < storages.size(); ++i) {
+        if (!MTPFileTree(int(handle), storages[i].id, 0, true)) {
             ZQLOG_ERROR("MTPFileTree fail");
-            walked = false;
+            return false;
         }
     }
-    freeItems(storages);
-    if (!walked)
-        return false;
-    t_mtp_item_list closing = {0, nullptr};
-    Access_GetItems(handle, {CONTAINER_CLOSE, 0, 0}, ITEM_TYPE_CLOSE, 0, 0, closing);
-    freeItems(closing);
+    MtpItemList closing;
+    Access_GetItems(handle, {CONTAINER_CLOSE, 0, 0}, ITEM_TYPE_CLOSE, 0, 0, closing.get());
     return true;
 }
 
@@ -469,9 +451,22 @@ std::string MtpConnection::Impl::getTrackDateModified(unsigned trackId) {
 }
 
 time_t MtpConnection::Impl::getTrackDateModifiedEpoch(unsigned trackId) {
+    // Parsed with plain blanks, where the format kept apostrophes that no
+    // date text holds: every date read as 1899-12-31, and phones were never
+    // read again when a track changed.
     struct tm when = {};
-    strptime(getTrackDateModified(trackId).c_str(), "%a' '%b' '%d' '%H:%M:%S' '%Y", &when);
+    when.tm_isdst = -1;
+    const std::string text = getTrackDateModified(trackId);
+    const char* end = strptime(text.c_str(), "%a %b %d %H:%M:%S %Y", &when);
+    if (!end || *end)
+        return 0;
     return mktime(&when);
+}
+
+std::string MtpConnection::Impl::getPlaylistPath(unsigned playlistId) {
+    char name[PORTOLAN_TEXT_SIZE] = "";
+    Access_GetTrackTitle(handle, t_track_id(playlistId), name);
+    return "mtp-playlist://" + std::to_string(playlistId) + "/" + name;
 }
 
 std::string MtpConnection::Impl::getMTPTrackId(unsigned trackId, const std::string& device) {
@@ -525,16 +520,18 @@ MetaDataInfo* MtpConnection::Impl::generateTrack(const std::string& /*unused*/,
         return nullptr;
     }
     return new MetaDataInfo(path, parent, texts[0], texts[1], texts[2], texts[3], texts[4],
-                            trackNumber, 1, long(modified), getMTPTrackId(id, deviceId));
+                            trackNumber, 1, int64_t(modified), getMTPTrackId(id, deviceId));
 }
 
 Playlist* MtpConnection::Impl::generatePlaylist(const std::string& device,
                                                 const std::string& partition, size_t playlistId) {
     ZQLOG_INFO("[TQRA] Playlist %d", int(playlistId));
-    char name[PORTOLAN_TEXT_SIZE] = "";
-    Access_GetTrackTitle(handle, t_track_id(playlistId), name);
-    const std::string uri = "mtp-playlist://" + std::to_string(playlistId) + "/" + name;
-    Playlist* playlist = new Playlist(uri, partition, 0);
+    const std::string uri = getPlaylistPath(unsigned(playlistId));
+    // Stored under the device's time of the playlist, as the crawler reads
+    // it, rather than 0: an unchanged playlist is not written again, and a
+    // changed one is.
+    Playlist* playlist =
+        new Playlist(uri, partition, getTrackDateModifiedEpoch(unsigned(playlistId)));
 
     t_playlist_items_list list = getPlaylistContent(unsigned(playlistId));
     for (unsigned i = 0; i < list.count; ++i) {

@@ -32,6 +32,7 @@ public:
     Playlist* generatePlaylist(const std::string& deviceId, const std::string& partition,
                                size_t playlistId);
     time_t getTrackDateModifiedEpoch(unsigned trackId);
+    std::string getPlaylistPath(unsigned playlistId);
 
     // Logs a failed call's status; nothing else.
     void checkStatus(const std::string& method, t_status status);

@@ -27,15 +27,15 @@ void freeList(t_playlist_items_list& list) {
 
 MtpCrawler::MtpCrawler(const char* name_)
     : Server<Block<Directory*>, Block<FileInfo*>>(name_),
-      playlistTarget(nullptr),
-      folderTarget(nullptr) {}
+      playlistSink(nullptr),
+      directorySink(nullptr) {}
 
-void MtpCrawler::setPlaylistTarget(BaseServer<Block<FileInfo*>>* target) {
-    playlistTarget = target;
+void MtpCrawler::setPlaylistSink(BaseServer<Block<FileInfo*>>* target) {
+    playlistSink = target;
 }
 
-void MtpCrawler::setFolderTarget(BaseServer<Block<MtpDirectory*>>* target) {
-    folderTarget = target;
+void MtpCrawler::setDirectorySink(BaseServer<Block<MtpDirectory*>>* target) {
+    directorySink = target;
 }
 
 boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
@@ -74,19 +74,26 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
                 ZQLOG_INFO("Craweled track %u/%u", i, trackList.count);
             const t_track_id id = trackList.items[i].id;
             const std::string rawPath = connection.getTrackFilePath(id);
-            // Left out: a track whose folder was not walked has no path to index.
-            if (!rawPath.empty())
-                tracks->items.push_back(
-                    new FileInfo(MtpUtils::getPathForMtpTrack(id, op.deviceId, rawPath), id, 0));
+            // Left out: a track whose folder was not walked has no path to
+            // index, and hidden and Ogg tracks are never stored, so they are
+            // not counted as new at every indexing.
+            if (rawPath.empty() || connection.isLeftOut(rawPath))
+                continue;
+            // The device's time of the track, where 0 was stored: a track
+            // changed on the phone is read again.
+            tracks->items.push_back(
+                new FileInfo(MtpUtils::getPathForMtpTrack(id, op.deviceId, rawPath), id,
+                             connection.getTrackDateModifiedEpoch(id)));
         }
         for (i = 0; i < playlistList.count && registry.isDeviceReady(op.handle); ++i) {
             if (i % 100 == 0)
                 ZQLOG_INFO("Craweled playlists %u/%u", i, playlistList.count);
             const t_track_id id = playlistList.items[i].id;
-            playlists->items.push_back(
-                new FileInfo(MtpUtils::getPathForMtpTrack(id, op.deviceId,
-                                                          "mtp-playlist://" + std::to_string(id)),
-                             id, 0));
+            // The path and time the playlist is stored under, so that an
+            // unchanged one is not written again.
+            playlists->items.push_back(new FileInfo(
+                MtpUtils::getPathForMtpTrack(id, op.deviceId, connection.getPlaylistPath(id)), id,
+                connection.getTrackDateModifiedEpoch(id)));
         }
         std::vector<std::string> dirs;
         connection.MTPCreateDirCache(dirs, trackList);
@@ -112,10 +119,10 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
 
     playlists->operation.lastBlock = true;
     folders->operation.lastBlock = true;
-    if (playlistTarget)
-        playlistTarget->enqueue(playlists);
-    if (folderTarget)
-        folderTarget->enqueue(folders);
+    if (playlistSink)
+        playlistSink->enqueue(playlists);
+    if (directorySink)
+        directorySink->enqueue(folders);
 
     ZQLOG_INFO("MtpCrawler timer: %ld (op:%d) found %u", timer.stop(), op.id,
                unsigned(tracks->items.size()));
@@ -123,7 +130,7 @@ boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(
 }
 
 void MtpCrawler::signalCompletion(const Operation& op) {
-    if (state == 0) {
+    if (state == Runnable::kRunning) {
         emit KestrowQTProxy::instance().crawlingFinished(QString::fromUtf8(op.mountPoint.c_str()));
     }
 }

@@ -29,8 +29,8 @@ class MtpCrawler : public Server<Block<Directory*>, Block<FileInfo*>> {
 public:
     explicit MtpCrawler(const char* name);
 
-    void setPlaylistTarget(BaseServer<Block<FileInfo*>>* target);
-    void setFolderTarget(BaseServer<Block<MtpDirectory*>>* target);
+    void setPlaylistSink(BaseServer<Block<FileInfo*>>* target);
+    void setDirectorySink(BaseServer<Block<MtpDirectory*>>* target);
 
     boost::shared_ptr<Block<FileInfo*>> doOperation(
         boost::shared_ptr<Block<Directory*>> in) override;
@@ -38,8 +38,8 @@ public:
     void signalCompletion(const Operation& op) override;
 
 private:
-    BaseServer<Block<FileInfo*>>* playlistTarget;
-    BaseServer<Block<MtpDirectory*>>* folderTarget;
+    BaseServer<Block<FileInfo*>>* playlistSink;
+    BaseServer<Block<MtpDirectory*>>* directorySink;
 };
 
 }  // namespace kestrow

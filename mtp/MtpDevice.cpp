@@ -73,8 +73,9 @@ bool MtpDevice::waitDeviceReady(unsigned int handle) {
     struct timespec deadline;
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += kReadyTimeoutSeconds;
-    // Loops on the flag: an earlier announcement returns at once, another device's is ignored.
-    while (!devices[handle].ready) {
+    // Loops on the flag: an earlier announcement returns at once, another
+    // device's is ignored, and an unplug ends the wait.
+    while (!devices[handle].ready && devices[handle].connected) {
         if (pthread_cond_timedwait(&cond, &mutex, &deadline) == ETIMEDOUT)
             break;
     }
@@ -90,6 +91,7 @@ void MtpDevice::disconnectDevice(unsigned int handle) {
     Device& d = devices[handle];
     d.ready = false;
     d.connected = false;
+    pthread_cond_broadcast(&cond);
     pthread_mutex_unlock(&mutex);
 }
 

@@ -30,11 +30,13 @@ public:
     bool isDeviceConnected(unsigned int handle);
     bool isDeviceReady(unsigned int handle);
     // False at once for a device not connected. Otherwise returns as soon as
-    // the device is ready (at once if it already is), or after 25 seconds on
-    // the monotonic clock; returns whether it is ready.
+    // the device is ready (at once if it already is), as soon as it is
+    // disconnected, or after 25 seconds on the monotonic clock; returns
+    // whether it is ready.
     bool waitDeviceReady(unsigned int handle);
     // Not ready, not connected: the device's running operations stop at their
-    // next check. Called by the surrounding system on an unplug.
+    // next check, and a wait for it ends. Called by the surrounding system on
+    // an unplug.
     void disconnectDevice(unsigned int handle);
 
 private:

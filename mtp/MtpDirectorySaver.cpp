@@ -8,7 +8,6 @@
 
 #include "db/Timer.h"
 #include "facade/KestrowQTProxy.h"
-#include "platform/common/MountPointScope.h"
 
 namespace kestrow {
 
@@ -32,13 +31,11 @@ boost::shared_ptr<Block<void>> MtpDirectorySaver::doOperation(
                  [](const MtpDirectory* d) { return d != nullptr; });
 
     open(in->operation.deviceId);
-    // The device's folder paths ("Phone/Music") never lie below its mount point
-    // ("mtp-folder://<id>"): nothing is read back, and the folders are written
-    // again at every indexing.
+    // A phone's database holds its folders alone, whose paths ("Phone/Music")
+    // do not lie below its mount point ("mtp-folder://<id>"): all of them are
+    // compared, rather than none, so that unchanged folders are not written again.
     std::vector<std::string> stored;
-    istream.query("SELECT OBJECTID FROM DIRECTORIES WHERE " +
-                  MountPointScope::sqlCondition("PATH") + " ORDER BY OBJECTID;");
-    istream.bind(1, mountPoint);
+    istream.query("SELECT OBJECTID FROM DIRECTORIES ORDER BY OBJECTID;");
     while (istream.step().good()) {
         std::string id;
         istream >> id;
@@ -56,7 +53,7 @@ boost::shared_ptr<Block<void>> MtpDirectorySaver::doOperation(
     ZQLOG_INFO("RNC: Found changes %u", unsigned(changes.size()));
 
     if (!changes.empty()) {
-        if (state == 0) {
+        if (state == Runnable::kRunning) {
             emit KestrowQTProxy::instance().contentModified(QString::fromUtf8(mountPoint.c_str()));
         }
         ostream.exec("BEGIN TRANSACTION;");

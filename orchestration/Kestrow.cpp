@@ -43,7 +43,7 @@ void Kestrow::setPipelineFactory(PipelineFactory f) {
 
 bool Kestrow::anyRunning() const {
     for (const auto& entry : operations)
-        if (entry.second && entry.second->getState() == 0)
+        if (entry.second && entry.second->getState() == Runnable::kRunning)
             return true;
     return false;
 }
@@ -76,7 +76,7 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
             ZQLOG_INFO("Stopping %s type %d handle %u mp %s pipe %x", deviceId.c_str(), int(type),
                        unsigned(handle), mountPoint.c_str(), addr(entry.second));
             if (entry.second) {
-                replacedRunning = replacedRunning || entry.second->getState() == 0;
+                replacedRunning = replacedRunning || entry.second->getState() == Runnable::kRunning;
                 entry.second->stop();
                 entry.second->join();
                 delete entry.second;
@@ -136,7 +136,7 @@ void Kestrow::enqueueNewOperation(OperationType type, const std::string& deviceI
 boost::shared_ptr<Block<void>> Kestrow::doOperation(boost::shared_ptr<Block<void>> block) {
     pthread_mutex_lock(&mutex);
     const Operation& op = block->operation;
-    if (state == 1) {
+    if (state == Runnable::kStopping) {
         ZQLOG_WARN("Kestrow is stopped  we not waiting for this pipeline %d", op.id);
         pthread_mutex_unlock(&mutex);
         return boost::shared_ptr<Block<void>>();

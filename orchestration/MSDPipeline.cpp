@@ -33,27 +33,8 @@ MSDPipeline::MSDPipeline(Kestrow* owner_)
         false);
     PlaylistSaver* playlistSaver = new PlaylistSaver("PlaylistSaver");
 
-    crawlerStage->next = songFinder;
-    crawlerStage->setPlaylistSink(playlistFinder);
-    crawlerStage->setDirectorySink(directorySaver);
-    directorySaver->next = this;
-    songFinder->next = normalizer;
-    normalizer->next = miner;
-    miner->next = songSaver;
-    songSaver->next = this;
-    playlistFinder->next = playlistMiner;
-    playlistMiner->next = playlistSaver;
-    playlistSaver->next = this;
-
-    children.push_back(songFinder);
-    children.push_back(normalizer);
-    children.push_back(miner);
-    children.push_back(songSaver);
-    children.push_back(playlistFinder);
-    children.push_back(playlistMiner);
-    children.push_back(playlistSaver);
-    children.push_back(crawlerStage);
-    children.push_back(directorySaver);
+    assemble(crawlerStage, songFinder, normalizer, miner, songSaver, playlistFinder, playlistMiner,
+             playlistSaver, directorySaver);
 }
 
 BaseServer<Block<Directory*>>* MSDPipeline::crawler() {

@@ -22,36 +22,14 @@ MtpPipeline::MtpPipeline(Kestrow* owner_)
     MtpMiner* miner = new MtpMiner("MtpMiner");
     SongSaver* songSaver = new SongSaver("SongSaver");
     MtpPlaylistMiner* playlistMiner = new MtpPlaylistMiner("MtpPlaylistMiner");
-    // The stored playlist paths ("mtp-playlist://<id>/<name>") never equal the
-    // crawler's ("mtp-playlist://<id>"): every playlist is written again at
-    // every indexing.
     ChangeFinder* playlistFinder = new ChangeFinder(
         "ChangeFinder-MtpPlaylist", "SELECT ID, LASTMODIFIED, PLAYPATH FROM VIEW_PLAYLISTNAMES;",
         "DELETE FROM PLAYLISTS WHERE PLAYID IN ( SELECT PLAYID FROM PLAYLISTS WHERE ID = ? );",
         true);
     PlaylistSaver* playlistSaver = new PlaylistSaver("PlaylistSaver");
 
-    crawlerStage->next = songFinder;
-    crawlerStage->setPlaylistTarget(playlistFinder);
-    crawlerStage->setFolderTarget(directorySaver);
-    directorySaver->next = this;
-    songFinder->next = normalizer;
-    normalizer->next = miner;
-    miner->next = songSaver;
-    songSaver->next = this;
-    playlistFinder->next = playlistMiner;
-    playlistMiner->next = playlistSaver;
-    playlistSaver->next = this;
-
-    children.push_back(songFinder);
-    children.push_back(normalizer);
-    children.push_back(miner);
-    children.push_back(songSaver);
-    children.push_back(playlistFinder);
-    children.push_back(playlistMiner);
-    children.push_back(playlistSaver);
-    children.push_back(crawlerStage);
-    children.push_back(directorySaver);
+    assemble(crawlerStage, songFinder, normalizer, miner, songSaver, playlistFinder, playlistMiner,
+             playlistSaver, directorySaver);
 }
 
 BaseServer<Block<Directory*>>* MtpPipeline::crawler() {

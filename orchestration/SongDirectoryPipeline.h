@@ -34,6 +34,28 @@ public:
     const KestrowOperation& getCurrentOperation() const { return currentOperation; }
 
 protected:
+    // Links the three chains that start at `crawler`: songs (finder,
+    // normalizer, miner, saver), playlists (finder, miner, saver) and
+    // directories (saver), ends each at this pipeline, and takes the nine
+    // stages as children in the order they are started and stopped.
+    template <class Crawler, class Finder, class Normalizer, class Miner, class Saver,
+              class PlaylistMiner, class PlaylistSaver, class DirectorySaver>
+    void assemble(Crawler* crawler, Finder* songFinder, Normalizer* normalizer, Miner* miner,
+                  Saver* songSaver, Finder* playlistFinder, PlaylistMiner* playlistMiner,
+                  PlaylistSaver* playlistSaver, DirectorySaver* directorySaver) {
+        crawler->next = songFinder;
+        crawler->setPlaylistSink(playlistFinder);
+        crawler->setDirectorySink(directorySaver);
+        songFinder->next = normalizer;
+        normalizer->next = miner;
+        miner->next = songSaver;
+        playlistFinder->next = playlistMiner;
+        playlistMiner->next = playlistSaver;
+        songSaver->next = playlistSaver->next = directorySaver->next = this;
+        children = {songFinder,    normalizer,    miner,   songSaver,     playlistFinder,
+                    playlistMiner, playlistSaver, crawler, directorySaver};
+    }
+
     // Deletes the playlist entries whose song is not in the database.
     void clearPlaylists();
 

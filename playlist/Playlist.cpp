@@ -2,7 +2,7 @@
 
 namespace kestrow {
 
-Playlist::Playlist(const std::string& path_, const std::string& partition, int modified_)
+Playlist::Playlist(const std::string& path_, const std::string& partition, int64_t modified_)
     : path(path_),
       name(path_.substr(path_.rfind('/') == std::string::npos ? 0 : path_.rfind('/') + 1)),
       id(Md5::PLAYLIST, path_),

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -11,8 +12,9 @@ namespace kestrow {
 // One playlist and its tracks in playlist order. Owns its entries.
 struct Playlist {
     // `partition` is the mount point for a mass-storage playlist, the
-    // partition text for an MTP one; `modified` is 0 for MTP playlists.
-    Playlist(const std::string& path, const std::string& partition, int modified);
+    // partition text for an MTP one; `modified` is the device's time of an
+    // MTP playlist.
+    Playlist(const std::string& path, const std::string& partition, int64_t modified);
     Playlist(const Playlist&) = delete;
     Playlist& operator=(const Playlist&) = delete;
     ~Playlist();
@@ -21,7 +23,7 @@ struct Playlist {
     std::string name;                     // after the last '/'
     Md5 id;                               // kind 6 of path
     Md5 partitionId;                      // kind 1 of the partition
-    int modified;                         // seconds, from the file's modification time
+    int64_t modified;                     // seconds, from the file's modification time
     std::vector<PlaylistEntry*> entries;  // owned
 };
 

@@ -23,7 +23,7 @@ sqlstl::basic_sqlostream<char>& operator<<(sqlstl::basic_sqlostream<char>& strea
         stream << playlist->partitionId.c_str() << playlist->path.c_str() << playlist->id.c_str()
                << playlist->name.c_str() << entry->path.c_str()
                << (entry->isMtp ? entry->path.c_str() : entry->id.c_str()) << kAudioType
-               << static_cast<long long>(playlist->modified);
+               << playlist->modified;
         stream << sqlstl::step<char, std::char_traits<char>>;
     }
     return stream;

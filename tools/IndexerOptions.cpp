@@ -14,7 +14,7 @@ std::string IndexerOptions::usage() {
     return "usage: olvane-indexer [--db-dir DIR] [--device-id ID] [--json] [--log LEVEL]\n"
            "                      [--codepages LIST] [--no-progress] MOUNT_POINT...\n"
            "       olvane-indexer --mtp-sim DIR [--handle N] [--device-id ID] [--ready-after MS]\n"
-           "                      [--sim-faults SPEC] [--db-dir DIR] [--json] [--log LEVEL]\n"
+           "                      [--sim-faults FAULTS] [--db-dir DIR] [--json] [--log LEVEL]\n"
            "       olvane-indexer show [--db-dir DIR] [--json] DEVICE_ID\n"
            "\n"
            "Indexes each MOUNT_POINT as one partition of one device, one after the other\n"
@@ -41,7 +41,7 @@ std::string IndexerOptions::usage() {
            "  --handle N       the phone's device handle (default 1)\n"
            "  --ready-after MS announce the phone ready MS milliseconds after the request\n"
            "                   (default 0), then every 250 ms until its crawl has finished\n"
-           "  --sim-faults SPEC faults of the simulated phone\n"
+           "  --sim-faults FAULTS faults of the simulated phone\n"
            "\n" +
            MtpSimulation::faultsGrammar() +
            "\n"
@@ -71,7 +71,7 @@ bool IndexerOptions::parse(int argc, char** argv, IndexerOptions& out, std::stri
     const QCommandLineOption mtpSim("mtp-sim", QString(), "DIR");
     const QCommandLineOption handle("handle", QString(), "N");
     const QCommandLineOption readyAfter("ready-after", QString(), "MS");
-    const QCommandLineOption simFaults("sim-faults", QString(), "SPEC");
+    const QCommandLineOption simFaults("sim-faults", QString(), "FAULTS");
     QCommandLineParser parser;
     parser.addOptions({help, dbDir, json});
     if (out.command == INDEX)

@@ -34,7 +34,7 @@ bool splitCount(const std::string& text, std::string& name, unsigned& n) {
 }  // namespace
 
 std::string MtpSimulation::faultsGrammar() {
-    return "SPEC is a comma-separated list of faults of the simulated phone:\n"
+    return "FAULTS is a comma-separated list of faults of the simulated phone:\n"
            "  busy=CALL:N          the first N calls of CALL answer \"still processing\";\n"
            "                       CALL is one of num-elements, elements, reset, select,\n"
            "                       num-items, items, title, artist, album, genre,\n"
@@ -50,7 +50,7 @@ std::string MtpSimulation::faultsGrammar() {
            "e.g. --sim-faults page=2,busy=items:3,unplug-after=40\n";
 }
 
-bool MtpSimulation::parseFaults(const std::string& spec, SimulatedDevice::Faults& out,
+bool MtpSimulation::parseFaults(const std::string& faults, SimulatedDevice::Faults& out,
                                 std::string& error) {
     static const std::map<std::string, SimulatedDevice::Call> calls = {
         {"num-elements", SimulatedDevice::GET_NUM_ELEMENTS},
@@ -96,7 +96,7 @@ bool MtpSimulation::parseFaults(const std::string& spec, SimulatedDevice::Faults
         }
         return false;
     };
-    std::stringstream in(spec);
+    std::stringstream in(faults);
     for (std::string fault; std::getline(in, fault, ',');) {
         const std::string::size_type equals = fault.find('=');
         if (equals == std::string::npos || equals + 1 == fault.size() ||

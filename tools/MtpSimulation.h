@@ -16,7 +16,7 @@ class MtpSimulation {
 public:
     // Reads a --sim-faults text (grammar in faultsGrammar()) into `out`;
     // false with `error` set when it is not understood.
-    static bool parseFaults(const std::string& spec, portolan::SimulatedDevice::Faults& out,
+    static bool parseFaults(const std::string& faults, portolan::SimulatedDevice::Faults& out,
                             std::string& error);
     static std::string faultsGrammar();
 

@@ -185,15 +185,17 @@ bool isIdeographic(gunichar c) {
     }
 }
 
-// Penalty for one word of letters (all from one run between non-letters).
-double wordPenalty(const std::vector<gunichar>& word) {
-    if (word.empty())
-        return 0;
-    Group group = G_NONE;
-    bool mixed = false;
+// What one word of letters holds, counted in one pass.
+struct WordCounts {
+    Group group = G_NONE;  // of its first letter
+    bool mixed = false;    // letters of another group follow
     bool hangul = false, han = false;
     int nonAscii = 0, lowerToUpper = 0, vowels = 0, halfwidth = 0, icelandic = 0, igrave = 0;
-    int frequent = 0, strayMarks = 0;
+    int strayMarks = 0;  // combining marks on a letter of another script
+};
+
+WordCounts countWord(const std::vector<gunichar>& word) {
+    WordCounts n;
     for (size_t i = 0; i < word.size(); ++i) {
         gunichar c = word[i];
         Group g = groupOf(c);
@@ -201,95 +203,105 @@ double wordPenalty(const std::vector<gunichar>& word) {
             Group home = markGroup(c);
             Group base = i ? groupOf(word[i - 1]) : G_NONE;
             if (home != G_NONE && base != G_NONE && base != home)
-                ++strayMarks;
+                ++n.strayMarks;
             if (home == G_NONE && base != G_LATIN && base != G_CYRILLIC && base != G_GREEK)
-                ++strayMarks;
+                ++n.strayMarks;
             g = G_NONE;
         }
         if (g != G_NONE) {
-            if (group == G_NONE)
-                group = g;
-            else if (g != group)
-                mixed = true;
+            if (n.group == G_NONE)
+                n.group = g;
+            else if (g != n.group)
+                n.mixed = true;
         }
-        if (g == G_HANGUL)
-            hangul = true;
-        if (g_unichar_get_script(c) == G_UNICODE_SCRIPT_HAN)
-            han = true;
-        if (c >= 0x80)
-            ++nonAscii;
-        if (c >= 0xFF61 && c <= 0xFF9F)
-            ++halfwidth;
-        if ((c == 0xEC || c == 0xCC) && i + 1 < word.size())
-            ++igrave;
-        if (c == 0xDE || c == 0xFE || c == 0xD0 || c == 0xF0 || c == 0xDD || c == 0xFD)
-            ++icelandic;
-        if (g_unichar_isupper(c) && i > 0 && g_unichar_islower(word[i - 1]))
-            ++lowerToUpper;
-        if (isVowel(c))
-            ++vowels;
+        n.hangul = n.hangul || g == G_HANGUL;
+        n.han = n.han || g_unichar_get_script(c) == G_UNICODE_SCRIPT_HAN;
+        n.nonAscii += c >= 0x80;
+        n.halfwidth += c >= 0xFF61 && c <= 0xFF9F;
+        n.igrave += (c == 0xEC || c == 0xCC) && i + 1 < word.size();
+        n.icelandic += c == 0xDE || c == 0xFE || c == 0xD0 || c == 0xF0 || c == 0xDD || c == 0xFD;
+        n.lowerToUpper += g_unichar_isupper(c) && i > 0 && g_unichar_islower(word[i - 1]);
+        n.vowels += isVowel(c);
     }
+    return n;
+}
+
+// Penalty for the case, accents and letter order of a Latin, Cyrillic or
+// Greek word.
+double alphabetPenalty(const std::vector<gunichar>& word, const WordCounts& counts) {
+    const Group group = counts.group;
+    const int n = int(word.size());
+    double penalty = 0;
+    // Mojibake reads as runs of accented capitals and odd case changes:
+    // "ÊÈíî" (capitals running into small letters) or "aBcD".
+    bool caseOk = counts.lowerToUpper <= 1;
+    for (int i = 1; i + 1 < n && caseOk; ++i)
+        if (g_unichar_isupper(word[i]) && g_unichar_isupper(word[i - 1]) &&
+            g_unichar_islower(word[i + 1]))
+            caseOk = false;
+    if (!caseOk)
+        penalty += 3;
+    if (group == G_LATIN && counts.nonAscii >= 2 && 2 * counts.nonAscii > n)
+        penalty += 2.0 * counts.nonAscii;
+    // Czech writes e-caron only after b, p, v, f, m, d, t and n; elsewhere
+    // it is mostly Italian i-grave read as Central European.
+    for (int i = 0; i < n; ++i)
+        if (g_unichar_tolower(word[i]) == 0x011B &&
+            (i == 0 || !std::strchr("bpvfmdtn", int(g_unichar_tolower(word[i - 1])))))
+            penalty += 2;
+    bool allUpper = true;
+    for (gunichar c : word)
+        allUpper = allUpper && !g_unichar_islower(c);
+    if (group != G_LATIN && n >= 3 && counts.vowels == 0 && !(allUpper && n <= 4))
+        penalty += 3;
+    if (group == G_CYRILLIC) {
+        gunichar first = g_unichar_toupper(word[0]);
+        if (first == 0x042C || first == 0x042A || first == 0x042B)
+            penalty += 3;
+    }
+    if (group == G_GREEK) {
+        for (int i = 0; i + 1 < n; ++i)
+            if (word[i] == 0x03C2)
+                penalty += 3;
+        // Words in capitals drop the accents: "ΉΘ" is mojibake.
+        // and only a word's first letter is an accented capital.
+        for (int i = 0; i < n; ++i)
+            if (word[i] >= 0x0386 && word[i] <= 0x038F && (i > 0 || (allUpper && n >= 2)))
+                penalty += 2;
+    }
+    return penalty;
+}
+
+// Penalty for one word of letters (all from one run between non-letters).
+double wordPenalty(const std::vector<gunichar>& word) {
+    if (word.empty())
+        return 0;
+    const WordCounts counts = countWord(word);
+    const Group group = counts.group;
+    int frequent = 0;
     const char* letters = frequentLetters(group);
     for (gunichar c : word)
         frequent += *letters && inList(letters, g_unichar_tolower(c));
-    double penalty = 3.0 * strayMarks;
-    if (mixed)
+    double penalty = 3.0 * counts.strayMarks;
+    if (counts.mixed)
         penalty += 6;
     else
         penalty -= 0.25 * frequent;
     if (group == G_THAI)
         penalty += 3.0 * thaiFaults(word);
-    if (hangul && han)
+    if (counts.hangul && counts.han)
         penalty += 3;
-    penalty += 1.5 * halfwidth;
+    penalty += 1.5 * counts.halfwidth;
     // Thorn, eth and y-acute are rare outside Icelandic; in Turkish text read
     // as Latin-1 they stand for s-cedilla, g-breve and dotless i.
-    penalty += 1.0 * icelandic;
+    penalty += 1.0 * counts.icelandic;
     // Italian puts i-grave at the end of a word; inside one it is mostly
     // Czech e-caron read as Latin-1.
-    penalty += 1.5 * igrave;
+    penalty += 1.5 * counts.igrave;
     if (group == G_OTHER)
         penalty += 3 * double(word.size());
-    if (group == G_LATIN || group == G_CYRILLIC || group == G_GREEK) {
-        const int n = int(word.size());
-        // Mojibake reads as runs of accented capitals and odd case changes:
-        // "ÊÈíî" (capitals running into small letters) or "aBcD".
-        bool caseOk = lowerToUpper <= 1;
-        for (int i = 1; i + 1 < n && caseOk; ++i)
-            if (g_unichar_isupper(word[i]) && g_unichar_isupper(word[i - 1]) &&
-                g_unichar_islower(word[i + 1]))
-                caseOk = false;
-        if (!caseOk)
-            penalty += 3;
-        if (group == G_LATIN && nonAscii >= 2 && 2 * nonAscii > n)
-            penalty += 2.0 * nonAscii;
-        // Czech writes e-caron only after b, p, v, f, m, d, t and n; elsewhere
-        // it is mostly Italian i-grave read as Central European.
-        for (int i = 0; i < n; ++i)
-            if (g_unichar_tolower(word[i]) == 0x011B &&
-                (i == 0 || !std::strchr("bpvfmdtn", int(g_unichar_tolower(word[i - 1])))))
-                penalty += 2;
-        bool allUpper = true;
-        for (gunichar c : word)
-            allUpper = allUpper && !g_unichar_islower(c);
-        if (group != G_LATIN && n >= 3 && vowels == 0 && !(allUpper && n <= 4))
-            penalty += 3;
-        if (group == G_CYRILLIC) {
-            gunichar first = g_unichar_toupper(word[0]);
-            if (first == 0x042C || first == 0x042A || first == 0x042B)
-                penalty += 3;
-        }
-        if (group == G_GREEK) {
-            for (int i = 0; i + 1 < n; ++i)
-                if (word[i] == 0x03C2)
-                    penalty += 3;
-            // Words in capitals drop the accents: "ΉΘ" is mojibake.
-            // and only a word's first letter is an accented capital.
-            for (int i = 0; i < n; ++i)
-                if (word[i] >= 0x0386 && word[i] <= 0x038F && (i > 0 || (allUpper && n >= 2)))
-                    penalty += 2;
-        }
-    }
+    if (group == G_LATIN || group == G_CYRILLIC || group == G_GREEK)
+        penalty += alphabetPenalty(word, counts);
     return penalty;
 }
 

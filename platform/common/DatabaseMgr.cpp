@@ -15,11 +15,15 @@
 #include <stdexcept>
 #include <vector>
 
+#include "platform/common/Handles.h"
 #include "platform/common/Md5.h"
 #include "platform/common/MountPointScope.h"
 #include "platform/log/ZQLog.h"
 
 namespace {
+
+using olvane::DirHandle;
+using olvane::SqliteHandle;
 
 // Writers wait for the stages' transactions as long as the stages wait for
 // one another.
@@ -143,9 +147,7 @@ public:
             db_ = nullptr;
             return;
         }
-        sqlite3_busy_timeout(db_, timeoutMs);
-        // As the stages' connections: commits are written, and flushed by sync().
-        sqlite3_exec(db_, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
+        DatabaseMgr::configureConnection(db_, timeoutMs);
     }
     ~Connection() {
         if (db_ && sqlite3_close(db_) != SQLITE_OK)
@@ -172,26 +174,25 @@ public:
     // the last parameter), reading its rows' first column into `rows`.
     bool run(const char* sql, std::initializer_list<std::string> texts,
              std::vector<std::string>* rows = nullptr, const long long* integer = nullptr) {
-        sqlite3_stmt* stmt = nullptr;
-        int rc = sqlite3_prepare_v2(db_, sql, -1, &stmt, nullptr);
+        int rc = SQLITE_OK;
+        olvane::SqliteStatement stmt = olvane::prepareSqlite(db_, sql, rc);
         if (rc != SQLITE_OK) {
             ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, describe(db_).c_str());
             return false;
         }
         int index = 1;
         for (const std::string& t : texts)
-            sqlite3_bind_text(stmt, index++, t.data(), int(t.size()), SQLITE_TRANSIENT);
+            sqlite3_bind_text(stmt.get(), index++, t.data(), int(t.size()), SQLITE_TRANSIENT);
         if (integer)
-            sqlite3_bind_int64(stmt, index, *integer);
-        while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+            sqlite3_bind_int64(stmt.get(), index, *integer);
+        while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
             if (rows) {
-                const unsigned char* text = sqlite3_column_text(stmt, 0);
+                const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
                 rows->push_back(text ? reinterpret_cast<const char*>(text) : "");
             }
         }
         if (rc != SQLITE_DONE)
             ZQLOG_ERROR("exec failed on %s: %d %s", file_.c_str(), rc, describe(db_).c_str());
-        sqlite3_finalize(stmt);
         return rc == SQLITE_DONE;
     }
 
@@ -205,26 +206,25 @@ private:
 const std::vector<std::pair<std::string, std::vector<std::string>>>& schemaColumns() {
     static const auto columns = [] {
         std::vector<std::pair<std::string, std::vector<std::string>>> tables;
-        sqlite3* db = nullptr;
-        if (sqlite3_open(":memory:", &db) == SQLITE_OK &&
-            sqlite3_exec(db, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK) {
-            sqlite3_stmt* stmt = nullptr;
-            sqlite3_prepare_v2(db,
-                               "SELECT m.name, p.name FROM sqlite_master AS m, "
-                               "pragma_table_info(m.name) AS p WHERE m.type = 'table' "
-                               "ORDER BY m.name, p.cid;",
-                               -1, &stmt, nullptr);
-            while (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
+        int rc = SQLITE_OK;
+        SqliteHandle db = olvane::openSqlite(":memory:", SQLITE_OPEN_READWRITE, rc);
+        if (rc == SQLITE_OK &&
+            sqlite3_exec(db.get(), kSchema, nullptr, nullptr, nullptr) == SQLITE_OK) {
+            olvane::SqliteStatement stmt =
+                olvane::prepareSqlite(db.get(),
+                                      "SELECT m.name, p.name FROM sqlite_master AS m, "
+                                      "pragma_table_info(m.name) AS p WHERE m.type = 'table' "
+                                      "ORDER BY m.name, p.cid;",
+                                      rc);
+            while (stmt && sqlite3_step(stmt.get()) == SQLITE_ROW) {
                 const std::string table =
-                    reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+                    reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0));
                 if (tables.empty() || tables.back().first != table)
                     tables.emplace_back(table, std::vector<std::string>());
                 tables.back().second.push_back(
-                    reinterpret_cast<const char*>(sqlite3_column_text(stmt, 1)));
+                    reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 1)));
             }
-            sqlite3_finalize(stmt);
         }
-        sqlite3_close(db);
         return tables;
     }();
     return columns;
@@ -279,22 +279,20 @@ Verdict inspect(const std::string& name, bool thorough, std::string& why) {
     const Verdict header = inspectHeader(name, why);
     if (header != Verdict::VALID)
         return header;
-    sqlite3* db = nullptr;
-    int rc = sqlite3_open_v2(name.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+    int rc = SQLITE_OK;
+    SqliteHandle db = olvane::openSqlite(name, SQLITE_OPEN_READWRITE, rc);
     if (rc == SQLITE_OK)
-        sqlite3_busy_timeout(db, kShortTimeoutMs);
+        DatabaseMgr::configureConnection(db.get(), kShortTimeoutMs);
     // Column `column` of each row of `sql`; false, with `rc` set, on failure.
     auto rows = [&](const std::string& sql, int column) {
         std::vector<std::string> out;
-        sqlite3_stmt* stmt = nullptr;
-        rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
+        olvane::SqliteStatement stmt = olvane::prepareSqlite(db.get(), sql, rc);
         if (rc == SQLITE_OK) {
-            while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
-                const unsigned char* t = sqlite3_column_text(stmt, column);
+            while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
+                const unsigned char* t = sqlite3_column_text(stmt.get(), column);
                 out.push_back(t ? reinterpret_cast<const char*>(t) : "");
             }
         }
-        sqlite3_finalize(stmt);
         rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
         return out;
     };
@@ -326,10 +324,9 @@ Verdict inspect(const std::string& name, bool thorough, std::string& why) {
         }
     }
     if (rc != SQLITE_OK) {
-        why = describe(db);
+        why = describe(db.get());
         v = damaged(rc) ? Verdict::INVALID : Verdict::UNKNOWN;
     }
-    sqlite3_close(db);
     return v;
 }
 
@@ -343,12 +340,6 @@ std::string danglingDelete(const char* table, const char* column) {
            "OLVANE_PARTITIONS P WHERE P.SEEN = 1 AND " +
            MountPointScope::sqlCondition(t + "." + c, "P.BASE") + ");";
 }
-
-const char* const kLookupCleanup =
-    "DELETE FROM ARTISTS WHERE ARTISTID NOT IN (SELECT DISTINCT ARTISTID FROM SONGS);"
-    "DELETE FROM ALBUMS WHERE ALBUMID NOT IN (SELECT DISTINCT ALBUMID FROM SONGS);"
-    "DELETE FROM GENRES WHERE GENREID NOT IN (SELECT DISTINCT GENREID FROM SONGS);"
-    "DELETE FROM COMPOSERS WHERE COMPOSERID NOT IN (SELECT DISTINCT COMPOSERID FROM SONGS);";
 
 // The database's "indexed at" time: its newest status time, else the file's
 // modification time.
@@ -367,6 +358,22 @@ long long indexedAt(const std::string& name) {
 }
 
 }  // namespace
+
+void DatabaseMgr::configureConnection(sqlite3* db, int timeoutMs) {
+    sqlite3_busy_timeout(db, timeoutMs);
+    // In WAL mode a commit is then written, not flushed: a power cut may lose
+    // the last commits, never the database's soundness. Each indexing ends
+    // with sync(), which flushes them all.
+    sqlite3_exec(db, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
+    int persist = 1;
+    sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+}
+
+const char* const DatabaseMgr::kLookupCleanup =
+    "DELETE FROM ARTISTS WHERE ARTISTID NOT IN ( SELECT DISTINCT ARTISTID FROM SONGS);"
+    "DELETE FROM ALBUMS WHERE ALBUMID NOT IN ( SELECT DISTINCT ALBUMID FROM SONGS);"
+    "DELETE FROM GENRES WHERE GENREID NOT IN ( SELECT DISTINCT GENREID FROM SONGS);"
+    "DELETE FROM COMPOSERS WHERE COMPOSERID NOT IN ( SELECT DISTINCT COMPOSERID FROM SONGS);";
 
 DatabaseMgr& DatabaseMgr::instance() {
     static DatabaseMgr mgr;
@@ -518,7 +525,7 @@ void DatabaseMgr::removeDanglingPartitions(const std::string& devId,
              c.run("DELETE FROM OLVANE_PARTITIONS WHERE MOUNTPOINT = ?;", {mp});
     }
     if (ok && !dangling.empty())
-        ok = c.exec(kLookupCleanup);
+        ok = c.exec(DatabaseMgr::kLookupCleanup);
     if (!ok || !c.exec("COMMIT;")) {
         ZQLOG_ERROR("dangling partitions of %s kept", devId.c_str());
         sqlite3_exec(c.get(), "ROLLBACK;", nullptr, nullptr, nullptr);
@@ -580,7 +587,7 @@ void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
     }
     for (size_t i = 1; i < spared.size(); ++i)
         spared[i] = getDbNameFromDevId(spared[i]);
-    DIR* d = ::opendir(dir.c_str());
+    DirHandle d(::opendir(dir.c_str()));
     if (!d) {
         ZQLOG_WARN("cannot read %s: %s", dir.c_str(), std::strerror(errno));
         return;
@@ -591,7 +598,7 @@ void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
     };
     std::vector<Stored> others;
     long long total = 0;
-    while (dirent* e = ::readdir(d)) {
+    while (dirent* e = ::readdir(d.get())) {
         const std::string file = e->d_name;
         if (file.size() < 4 || file.compare(file.size() - 3, 3, ".db") != 0)
             continue;
@@ -603,7 +610,7 @@ void DatabaseMgr::checkAndDelete(const std::string& devId, long limit) {
         if (std::find(spared.begin(), spared.end(), name) == spared.end())
             others.push_back({0, name});
     }
-    ::closedir(d);
+    d.reset();
     if (total <= limit)
         return;
     for (Stored& s : others)

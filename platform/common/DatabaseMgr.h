@@ -2,7 +2,7 @@
 // libolvane-common's manager of the per-device index databases: file names,
 // schema, status records, partitions and housekeeping. Thread-safe: every
 // operation opens its own short-lived connection, and the manager's settings
-// are guarded by its mutex. Only createDb throws; every other failure (a
+// are guarded by its mutex. Only createDb and open throw; every other failure (a
 // missing, locked, full or corrupt database) is logged and leaves the files
 // as they were.
 //
@@ -20,12 +20,18 @@
 #include <utility>
 #include <vector>
 
+struct sqlite3;
+
 class DatabaseMgr {
 public:
     // Size at which a device database (file and WAL together) is full.
     static const long kSizeLimit = 89128960;
 
     static DatabaseMgr& instance();
+
+    // Four statements that delete the artists, albums, genres and composers
+    // no song names any more; run inside the caller's transaction.
+    static const char* const kLookupCleanup;
 
     // Directory of the database files. Set by hosts and tests; otherwise
     // $OLVANE_DB_DIR, else $XDG_DATA_HOME/olvane, else ~/.local/share/olvane.
@@ -45,7 +51,8 @@ public:
     // directory is made 0700, the file 0600. isFirstPartition
     // starts a new attach of the device (the partitions seen so far are
     // forgotten); every call marks `mountPoint` as seen in the current attach.
-    // Throws std::runtime_error when the database cannot be opened or made.
+    // Throws std::runtime_error when the folder or the file cannot be
+    // written, or the database cannot be opened or made.
     void createDb(const std::string& devId, const std::string& mountPoint, bool isFirstPartition);
     // Deletes the SONGS, DIRECTORIES and PLAYLISTS rows and the status of
     // the device's partitions not seen in the current attach, then the
@@ -91,7 +98,16 @@ public:
     // unless set. An empty function restores the default.
     void setClock(std::function<long long()> clock);
 
-    // Defined in the core library (db/DatabaseOpen.h).
+    // Sets up a new connection to a device database: the busy time-out,
+    // commits written but not flushed (sync() flushes them), and the WAL and
+    // shared-memory files kept when it closes, so that a reader opens the
+    // database without making a file, as on a full disk.
+    static void configureConnection(sqlite3* db, int timeoutMs);
+
+    // Opens the device's existing database on `stream` (never creates the
+    // file), with the busy time-out. Throws std::runtime_error("cannot open
+    // db") when it cannot be opened. Defined in the core library
+    // (db/DatabaseOpen.h).
     template <class Stream>
     bool open(const std::string& devId, Stream& stream, int timeoutMs);
 

@@ -71,7 +71,7 @@ void MetaDataInfo::init(const std::string& path_, const std::string& partition,
                         const std::string& title_, const std::string& artist_,
                         const std::string& album_, const std::string& genre_,
                         const std::string& composer_, int trackNumber_, int discNumber_,
-                        long lastModified_) {
+                        int64_t lastModified_) {
     path = path_;
     mountPoint = partition;
     partitionId = Md5(Md5::DIRECTORY, partition).toString();
@@ -99,7 +99,7 @@ MetaDataInfo::MetaDataInfo(const std::string& path_, const std::string& mountPoi
                            const std::string& title_, const std::string& artist_,
                            const std::string& album_, const std::string& genre_,
                            const std::string& composer_, int trackNumber_, int discNumber_,
-                           long lastModified_) {
+                           int64_t lastModified_) {
     init(path_, mountPoint_, title_, artist_, album_, genre_, composer_, trackNumber_, discNumber_,
          lastModified_);
 }
@@ -108,7 +108,7 @@ MetaDataInfo::MetaDataInfo(const std::string& path_, const std::string& mountPoi
                            const StrippedValue& title_, const StrippedValue& artist_,
                            const StrippedValue& album_, const StrippedValue& genre_,
                            const StrippedValue& composer_, int trackNumber_, int discNumber_,
-                           long lastModified_) {
+                           int64_t lastModified_) {
     init(path_, mountPoint_, title_.str(), artist_.str(), album_.str(), genre_.str(),
          composer_.str(), trackNumber_, discNumber_, lastModified_);
 }
@@ -117,7 +117,7 @@ MetaDataInfo::MetaDataInfo(const std::string& path_, const std::string& parent,
                            const std::string& title_, const std::string& artist_,
                            const std::string& album_, const std::string& genre_,
                            const std::string& composer_, int trackNumber_, int discNumber_,
-                           long lastModified_, const std::string& songId) {
+                           int64_t lastModified_, const std::string& songId) {
     init(path_, parent, title_, artist_, album_, genre_, composer_, trackNumber_, discNumber_,
          lastModified_);
     objectId = songId;

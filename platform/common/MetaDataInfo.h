@@ -7,6 +7,7 @@
 // path's extension, bookmark is 0, the Asian readings are empty until
 // setAsianFields(). Owned by the block that carries it.
 
+#include <cstdint>
 #include <string>
 
 #include "platform/common/StrippedValue.h"
@@ -16,15 +17,16 @@ public:
     // Mass storage, from raw texts and from trimmed ones.
     MetaDataInfo(const std::string& path, const std::string& mountPoint, const std::string& title,
                  const std::string& artist, const std::string& album, const std::string& genre,
-                 const std::string& composer, int trackNumber, int discNumber, long lastModified);
+                 const std::string& composer, int trackNumber, int discNumber,
+                 int64_t lastModified);
     MetaDataInfo(const std::string& path, const std::string& mountPoint, const StrippedValue& title,
                  const StrippedValue& artist, const StrippedValue& album,
                  const StrippedValue& genre, const StrippedValue& composer, int trackNumber,
-                 int discNumber, long lastModified);
+                 int discNumber, int64_t lastModified);
     // MTP: `parent` is the partition text; `songId` is the song's object id.
     MetaDataInfo(const std::string& path, const std::string& parent, const std::string& title,
                  const std::string& artist, const std::string& album, const std::string& genre,
-                 const std::string& composer, int trackNumber, int discNumber, long lastModified,
+                 const std::string& composer, int trackNumber, int discNumber, int64_t lastModified,
                  const std::string& songId);
 
     // Fills the Asian readings of title, artist, album, genre and composer.
@@ -72,12 +74,12 @@ public:
     std::string asianComposer;
     int audioType = AUDIO_UNKNOWN;
     int bookmark = 0;
-    long long lastModified = 0;
+    int64_t lastModified = 0;  // seconds, 64 bits wide so that times after 2038 do not wrap
     int trackNumber = 0;
     int discNumber = 0;
 
 private:
     void init(const std::string& path, const std::string& partition, const std::string& title,
               const std::string& artist, const std::string& album, const std::string& genre,
-              const std::string& composer, int trackNumber, int discNumber, long lastModified);
+              const std::string& composer, int trackNumber, int discNumber, int64_t lastModified);
 };
