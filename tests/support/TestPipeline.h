@@ -55,7 +55,7 @@ public:
         *arrived_ = true;
         std::unique_lock<std::mutex> lock(gate_->mutex);
         gate_->cond.wait(lock,
-                         [&] { return gate_->opened.count(in->operation.deviceId) || state == 1; });
+                         [&] { return gate_->opened.count(in->operation.deviceId) || state == kestrow::Runnable::kStopping; });
         for (int i = 0; state != 1 && i < kestrow::SongDirectoryPipeline::kTerminalStages; ++i) {
             boost::shared_ptr<Block<void>> done(new Block<void>());
             done->operation = in->operation;
