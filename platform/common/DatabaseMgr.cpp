@@ -367,6 +367,10 @@ void DatabaseMgr::configureConnection(sqlite3* db, int timeoutMs) {
     sqlite3_exec(db, "PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
     int persist = 1;
     sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+    // The kept WAL is emptied when its frames are back in the database: a
+    // later connection, such as one reading the status, then writes nothing
+    // to the file, whose time stands for the last indexing where no status does.
+    sqlite3_exec(db, "PRAGMA journal_size_limit=0;", nullptr, nullptr, nullptr);
 }
 
 const char* const DatabaseMgr::kLookupCleanup =
