@@ -5,15 +5,12 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <QElapsedTimer>
 #include <QProcess>
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <random>
 #include <thread>
 
@@ -34,27 +31,13 @@ using Hook = std::function<void(const std::string&)>;
 namespace {
 
 // A stage thread waits at it until the test releases it, for good.
-class Latch {
-public:
+struct Latch {
     void wait() {
-        std::unique_lock<std::mutex> lock(mutex);
         reached = true;
-        cond.wait(lock, [&] { return released; });
+        while (!released)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    bool isReached() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return reached;
-    }
-    void release() {
-        std::lock_guard<std::mutex> lock(mutex);
-        released = true;
-        cond.notify_all();
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable cond;
-    bool reached = false, released = false;
+    std::atomic<bool> reached{false}, released{false};
 };
 
 const std::string kDev = "dev";
@@ -84,7 +67,7 @@ protected:
     }
     void TearDown() override {
         for (Latch& latch : latches)
-            latch.release();
+            latch.released = true;
         scheduler.stop();
         scheduler.join();
         KestrowQTProxy::instance().setScheduler(nullptr);
@@ -106,19 +89,32 @@ protected:
         return sigs.entries;
     }
     // One request for the phone, plugged in with `faults` and announced ready
-    // once connected, as the head unit does.
+    // once connected, as the head unit does; or, not `ready`, unplugged then,
+    // which ends the wait for the announcement at once.
     QStringList indexPhone(const SimulatedDevice::Faults& faults = {},
-                           portolan::DeviceTable::UnplugHook hook = nullptr) {
+                           portolan::DeviceTable::UnplugHook hook = nullptr, bool ready = true) {
         PluggedPhone phone(12, "phone1", phoneFolder, faults, hook);
         SignalLog sigs;
         cap.clear();
         KestrowQTProxy::instance().startMtpIndexing("phone1", 12, true);
         EXPECT_TRUE(waitFor([&] { return cap.count("setDeviceConnected DONE"); }));
-        KestrowQTProxy::instance().setDeviceReady(12);
-        EXPECT_TRUE(waitFor([&] {
-            return sigs.entries.contains("indexingFinished " + kPhone) &&
-                   scheduler.registeredCount() == 0;
-        }));
+        if (ready) {
+            KestrowQTProxy::instance().setDeviceReady(12);
+        } else {  // once the request waits for the announcement
+            EXPECT_TRUE(waitFor([&] {
+                const std::vector<olvane::LogLine> lines = cap.lines();
+                return std::any_of(lines.begin(), lines.end(), [](const olvane::LogLine& l) {
+                    return l.function.find("waitDeviceReady") != std::string::npos;
+                });
+            }));
+            portolan::DeviceTable::instance().unplug(12);
+        }
+        EXPECT_TRUE(waitFor(
+            [&] {
+                return sigs.entries.contains("indexingFinished " + kPhone) &&
+                       scheduler.registeredCount() == 0;
+            },
+            ready ? 20000 : 8000));
         return sigs.entries;
     }
     Strings column(const std::string& sql) { return dbColumn(kDev, sql); }
@@ -140,6 +136,13 @@ protected:
                    "ID FROM " + t + "S) UNION ALL SELECT " + t + " FROM " + t + "S WHERE " + t +
                    "ID NOT IN (SELECT " + t + "ID FROM SONGS)";
         return column(sql);
+    }
+    // `rows` but those holding `text`.
+    static Strings without(Strings rows, const std::string& text) {
+        rows.erase(std::remove_if(rows.begin(), rows.end(),
+                                  [&](auto& r) { return r.find(text) != r.npos; }),
+                   rows.end());
+        return rows;
     }
     // "songs artists albums genres composers playlist-rows folders"
     std::string counts() {
@@ -184,11 +187,9 @@ TEST_F(EndToEndTest, IndexesATreeThenOnlyWhatChanged) {
     const std::string usb = tree.file("usb");
     const QString mp = QString::fromStdString(usb);
 
-    const QStringList first = index(usb);
-    EXPECT_EQ(1, first.count("crawlingFinished " + mp));
-    EXPECT_TRUE(first.contains("contentModified " + mp));
-    EXPECT_EQ(0, first.filter("databaseExists").size());
-    EXPECT_EQ("indexingFinished " + mp, first.last());
+    QStringList first = index(usb);
+    EXPECT_LT(0, first.removeAll("contentModified " + mp));
+    EXPECT_EQ(QStringList({"crawlingFinished " + mp, "indexingFinished " + mp}), first);
     EXPECT_EQ("OK", status(usb));
     EXPECT_EQ(Strings({"Ace \"of\" Spadës.mp3|Motörhead", "blue hour.m4a|Nina Ferro Quartet",
                        "café noir.flac|Nina Ferro Quartet", "copper.mp3|The Rusty Gears",
@@ -209,21 +210,19 @@ TEST_F(EndToEndTest, IndexesATreeThenOnlyWhatChanged) {
               index(usb));
     EXPECT_EQ(before, indexDump(kDev, true));
 
-    // A touched file is read again, alone; no other row is written.
-    setMtime(tree.file("usb/Gears/Steam/copper.mp3"), 1000000000);
+    // A touched file is read again, alone; no other row is written. Times
+    // past 2038 are stored as they are.
+    setMtime(tree.file("usb/Gears/Steam/copper.mp3"), 2208988800);
+    setMtime(tree.file("usb/list.m3u"), 2208988800);
     onFile = [this](const std::string&) { ++calls; };
     EXPECT_TRUE(index(usb).contains("contentModified " + mp));
     onFile = nullptr;
     EXPECT_EQ(1, calls.load());
-    auto others = [](Strings rows) {
-        rows.erase(std::remove_if(rows.begin(), rows.end(),
-                                  [](auto& r) { return r.find("copper.mp3") != r.npos; }),
-                   rows.end());
-        return rows;
-    };
-    EXPECT_EQ(others(before), others(indexDump(kDev, true)));
-    EXPECT_EQ(Strings{"1000000000"},
-              column("SELECT LASTMODIFIED FROM SONGS WHERE NAME = 'copper.mp3'"));
+    EXPECT_EQ(without(without(before, "copper.mp3"), "list.m3u"),
+              without(without(indexDump(kDev, true), "copper.mp3"), "list.m3u"));
+    EXPECT_EQ(Strings({"2208988800", "2208988800"}),
+              column("SELECT LASTMODIFIED FROM SONGS WHERE NAME = 'copper.mp3' UNION ALL "
+                     "SELECT LASTMODIFIED FROM VIEW_PLAYLISTNAMES"));
 
     // A deleted song takes its folders, lookup rows and playlist entries along.
     ASSERT_EQ(0, ::unlink(tree.file("usb/" + odd).c_str()));
@@ -250,6 +249,8 @@ TEST_F(EndToEndTest, PrioritisingAnotherDeviceHoldsTheIndexingInHand) {
     index(usb);
     const Strings clean = indexDump(kDev);
     ASSERT_EQ("2000 ", counts().substr(0, 5));
+    for (const olvane::LogLine& line : cap.lines())
+        EXPECT_NE(DLT_LOG_ERROR, line.level) << line.message;
 
     KestrowQTProxy& proxy = KestrowQTProxy::instance();
     // `where` waits at `held` on its `at`-th call.
@@ -264,15 +265,15 @@ TEST_F(EndToEndTest, PrioritisingAnotherDeviceHoldsTheIndexingInHand) {
         };
         proxy.startIndexing("dev", mp, true);
         where = nullptr;
-        ASSERT_TRUE(waitFor([&] { return held.isReached(); }, 60000));
+        ASSERT_TRUE(waitFor([&] { return held.reached.load(); }, 60000));
         onDirectory = [&forOther](const std::string&) { forOther.wait(); };
         proxy.startIndexing("other", otherMp, true);
         onDirectory = nullptr;
         proxy.prioritizeMsdDevice("other", otherMp);
-        ASSERT_TRUE(waitFor([&] { return forOther.isReached(); }));
-        held.release();
+        ASSERT_TRUE(waitFor([&] { return forOther.reached.load(); }));
+        held.released = true;
         ASSERT_TRUE(waitFor(settled));
-        forOther.release();
+        forOther.released = true;
         EXPECT_TRUE(waitFor(
             [&] {
                 return sigs.entries.filter("indexingFinished ") ==
@@ -332,8 +333,6 @@ TEST_F(EndToEndTest, ARequestStormEndsWithEveryDeviceIndexedCleanly) {
         }
         --senders;
     };
-    QElapsedTimer clock;
-    clock.start();
     const unsigned seeds[] = {std::random_device()(), std::random_device()()};
     SCOPED_TRACE("seeds " + std::to_string(seeds[0]) + " " + std::to_string(seeds[1]));
     std::thread first(send, seeds[0]), second(send, seeds[1]);
@@ -342,7 +341,6 @@ TEST_F(EndToEndTest, ARequestStormEndsWithEveryDeviceIndexedCleanly) {
     first.join();
     second.join();
     ASSERT_TRUE(ended) << "still registered: " << scheduler.registeredCount();
-    RecordProperty("stormMs", int(clock.elapsed()));
 
     QCoreApplication::sendPostedEvents();  // the signals queued to this thread
     TempDir cleanDb;
@@ -372,51 +370,49 @@ TEST_F(EndToEndTest, EachPartitionKeepsItsOwnRows) {
                            "100%",   "100x",   "it's \"x\"; DROP TABLE SONGS; --",
                            "Música", "Музыка", "音楽 USB"};
     const std::string dev = "Gerät";
-    auto paths = [&] {  // of songs, folders and playlists
-        return dbColumn(dev,
-                        "SELECT PATH FROM SONGS UNION SELECT PATH FROM DIRECTORIES UNION "
-                        "SELECT PLAYPATH FROM PLAYLISTS ORDER BY 1");
-    };
-    // Indexes partition `i`; the first time it gets a song and a playlist
-    // naming it (below a '%' the playlist miner would find no entry).
-    auto signalsOf = [&](size_t i, bool again) {
-        const std::string relative = "x/" + names[i];
-        if (!again) {
-            tree.copySample("gears-iron-road.mp3", relative + "/f/s.mp3");
-            if (names[i].find('%') == std::string::npos)
-                tree.write(relative + "/l.m3u", "f/s.mp3\n");
+    const std::string paths =
+        "SELECT PATH FROM SONGS UNION SELECT PATH FROM DIRECTORIES UNION SELECT PLAYPATH FROM "
+        "PLAYLISTS ORDER BY 1";
+    Strings rows;
+    for (bool again : {false, true}) {
+        for (size_t i = 0; i < names.size(); ++i) {
+            // The first time, a song and a playlist naming it (below a '%' the
+            // playlist miner would find no entry).
+            const std::string relative = "x/" + names[i];
+            if (!again) {
+                tree.copySample("gears-iron-road.mp3", relative + "/f/s.mp3");
+                if (names[i].find('%') == std::string::npos)
+                    tree.write(relative + "/l.m3u", "f/s.mp3\n");
+            }
+            const QString mp = QString::fromStdString(tree.file(relative));
+            QStringList got = index(tree.file(relative), i == 0 && !again, dev),
+                        want = {"crawlingFinished " + mp, "indexingFinished " + mp,
+                                again ? "databaseExists " + QString::fromStdString(dev) + " " + mp
+                                      : "contentModified " + mp};
+            got.removeDuplicates();  // branches may each report a change
+            got.sort();
+            want.sort();
+            EXPECT_EQ(want, got) << names[i];
+            if (again) {
+                EXPECT_EQ(rows, dbColumn(dev, paths)) << names[i];
+            }
         }
-        const QString mp = QString::fromStdString(tree.file(relative));
-        QStringList got = index(tree.file(relative), i == 0 && !again, dev),
-                    want = {"crawlingFinished " + mp, "indexingFinished " + mp,
-                            again ? "databaseExists " + QString::fromStdString(dev) + " " + mp
-                                  : "contentModified " + mp};
-        got.removeDuplicates();  // branches may each report a change
-        got.sort();
-        want.sort();
-        EXPECT_EQ(want, got) << names[i];
-    };
-    for (size_t i = 0; i < names.size(); ++i)
-        signalsOf(i, false);
-    const Strings rows = paths();
-    ASSERT_EQ(12u * 3 + 11, rows.size());  // two folders and a song each, eleven playlists
-    for (size_t i = 0; i < names.size(); ++i) {
-        signalsOf(i, true);
-        EXPECT_EQ(rows, paths()) << names[i];
+        rows = dbColumn(dev, paths);
+        ASSERT_EQ(12u * 3 + 11, rows.size());  // two folders and a song each, eleven playlists
     }
 }
 
 // A simulated phone: songs, folders and playlist entries by OBJECTID; again
-// unchanged, no song row is written; unplugged in the middle of the folder
-// listing (also when announced ready just after the unplug), or with a
-// catalogue that cannot be loaded, the three chains get blocks marked
-// deviceGone and the last complete index stays; a phone with playlists and no
-// tracks is indexed too.
+// unchanged, nothing is written; a changed track is read again, alone.
+// Unplugged in the middle of the folder listing (also when announced ready
+// just after the unplug), with a catalogue that cannot be loaded, or before it
+// is announced ready, the three chains get blocks marked deviceGone and the
+// last complete index stays. A phone with playlists and no tracks is indexed too.
 TEST_F(EndToEndTest, IndexesAPhoneAndKeepsItsRowsWhenItGoesAway) {
     phoneFolder = makePhoneTree(tree);
-    const QStringList first = indexPhone();
-    EXPECT_EQ(1, first.count("crawlingFinished " + kPhone));
-    EXPECT_TRUE(first.contains("contentModified " + kPhone));
+    QStringList first = indexPhone();
+    EXPECT_LT(0, first.removeAll("contentModified " + kPhone));
+    EXPECT_EQ(QStringList({"crawlingFinished " + kPhone, "indexingFinished " + kPhone}), first);
     EXPECT_EQ("OK", phoneStatus());
     // No Ogg, no hidden file, nothing of the top-level DCIM.
     EXPECT_EQ(Strings({"Phone/Music/Gears/copper.mp3|Copper Sky|Rock",
@@ -433,15 +429,24 @@ TEST_F(EndToEndTest, IndexesAPhoneAndKeepsItsRowsWhenItGoesAway) {
                        "SELECT DISTINCT p.PLAYNAME || '|' || s.NAME FROM PLAYLISTS p "
                        "LEFT JOIN SONGS s ON p.TRACKID = s.OBJECTID ORDER BY 1;"));
 
-    // Folders and playlists are written again on every run, songs are not.
-    const Strings songs = dbColumn("phone1", "SELECT ID || PATH FROM SONGS ORDER BY 1"),
-                  complete = indexDump("phone1");
-    EXPECT_EQ("databaseExists phone1 " + kPhone, indexPhone().first());
-    EXPECT_EQ(songs, dbColumn("phone1", "SELECT ID || PATH FROM SONGS ORDER BY 1"));
-    EXPECT_EQ("", dumpDifference(complete, indexDump("phone1")));
+    Strings kept = indexDump("phone1", true);
+    EXPECT_EQ(QStringList({"databaseExists phone1 " + kPhone, "crawlingFinished " + kPhone,
+                           "indexingFinished " + kPhone}),
+              indexPhone());
+    EXPECT_EQ("", dumpDifference(kept, indexDump("phone1", true)));
+
+    tree.copySample("gears-copper-sky.mp3", "phone/Music/Gears/iron.mp3");
+    setMtime(tree.file("phone/Music/Gears/iron.mp3"), 2208988800);
+    indexPhone();
+    EXPECT_EQ(1, cap.countContaining("MtpMiner for: 1 (op: "));
+    EXPECT_EQ(Strings{"Copper Sky|2208988800"},
+              dbColumn("phone1",
+                       "SELECT TITLE || '|' || LASTMODIFIED FROM SONGS WHERE NAME = "
+                       "'iron.mp3'"));
+    EXPECT_EQ(without(kept, "iron.mp3"), without(indexDump("phone1", true), "iron.mp3"));
     EXPECT_EQ("OK", phoneStatus());
 
-    const Strings kept = indexDump("phone1", true);
+    kept = indexDump("phone1", true);
     SimulatedDevice::Faults unplugged, noCatalogue;
     unplugged.unplugAfter = 6;
     noCatalogue.busyFirst[SimulatedDevice::GET_NUM_ELEMENTS] = 1;
@@ -449,12 +454,14 @@ TEST_F(EndToEndTest, IndexesAPhoneAndKeepsItsRowsWhenItGoesAway) {
         kestrow::MtpDevice::instance().disconnectDevice(h);
         kestrow::MtpDevice::instance().setDeviceReady(h);
     };
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 4; ++i) {
         SCOPED_TRACE(i);
-        indexPhone(i == 2 ? noCatalogue : unplugged, i == 1 ? lateAnnouncement : nullptr);
+        indexPhone(i == 2   ? noCatalogue
+                   : i == 3 ? SimulatedDevice::Faults()
+                            : unplugged,
+                   i == 1 ? lateAnnouncement : nullptr, i != 3);
         EXPECT_EQ(2, cap.countContaining("device gone, nothing compared"));
         EXPECT_EQ(1, cap.countContaining("device gone, folders not saved"));
-        EXPECT_EQ(i == 2 ? 1 : 0, cap.count("loadData Failed"));
         EXPECT_EQ("PROGRESS", phoneStatus());
         EXPECT_EQ("", dumpDifference(kept, indexDump("phone1", true)));
     }

@@ -6,7 +6,6 @@
 
 #include <QSignalSpy>
 #include <algorithm>
-#include <memory>
 
 #include "facade/KestrowQTProxy.h"
 #include "mtp/MtpConnectionImpl.h"
@@ -66,8 +65,9 @@ protected:
         return in;
     }
     // Mines copper, iron and blue, after one listing of Gears (Jazz is never
-    // listed): each song then takes six calls. Titles, or "null".
-    std::string mine(const SimulatedDevice::Faults& faults, bool* gone = nullptr) {
+    // listed): each song then takes six calls. Titles, or "null", and "gone"
+    // when the block says the phone is gone.
+    std::string mine(const SimulatedDevice::Faults& faults) {
         plugIn(faults);
         olvane::test::ItemList list;
         Access_GetItems(kHandle, {2, int32_t(id("Phone/Music/Gears")), 1}, 8, 0, 9, list);
@@ -75,12 +75,10 @@ protected:
             kestrow::MtpMiner("MtpMiner")
                 .doOperation(files(5, {"Phone/Music/Gears/copper.mp3", "Phone/Music/Gears/iron.mp3",
                                        "Phone/Music/Jazz/blue.m4a"}));
-        if (gone)
-            *gone = out->operation.deviceGone;
         std::string titles;
         for (const MetaDataInfo* song : out->items)
             titles += (song ? song->title : "null") + "|";
-        return titles;
+        return titles + (out->operation.deviceGone ? "gone" : "");
     }
 
     olvane::test::TempDir dir;
@@ -101,7 +99,6 @@ TEST_F(MtpConnectionTest, BusyLibraryIsAskedAgainOnceASecondUpTo80Times) {
     EXPECT_EQ(STATUS_OK, impl.SafeGetNumItems(kHandle, {0, 0, 0}, 7, n));
     EXPECT_EQ((std::vector<unsigned>{10000, 1000000, 10000, 1000000, 10000, 1000000, 10000}),
               gSleeps);
-    EXPECT_EQ(1, cap.count(" Processing from portolan API. count = 3"));
 
     gSleeps.clear();
     t_mtp_item_list list;
@@ -147,15 +144,13 @@ TEST_F(MtpConnectionTest, TreeWalkPagesRetriesEmptyBatchesAndSkipsTopLevelFolder
         faults.badHandleAfter = c.badHandleAfter;
         plugIn(faults);
         EXPECT_EQ(c.result, impl.crawlMtpDevice());
-        EXPECT_TRUE(c.known.empty() || known(c.known));
-        EXPECT_TRUE(c.unknown.empty() || !known(c.unknown));
+        EXPECT_TRUE((c.known.empty() || known(c.known)) &&
+                    (c.unknown.empty() || !known(c.unknown)));
         Strings warnings;
         for (const olvane::LogLine& line : cap.lines())
             if (line.level == DLT_LOG_WARN)
                 warnings.push_back(line.message);
         EXPECT_EQ(c.warnings, warnings);
-        EXPECT_EQ(!c.result, cap.contains("MTPFileTree . - STATUS NOT OK BAD HANDLE!"));
-        EXPECT_EQ(1, cap.count("Ignoring folder:DCIM - id:2"));
     }
 }
 
@@ -178,13 +173,18 @@ TEST_F(MtpConnectionTest, FolderCache) {
     many.count = 16001;
     impl.MTPCreateDirCache(dirs, many);
     EXPECT_TRUE(dirs.empty());
-    EXPECT_EQ(1, cap.count("Invalid playlist size: 16001"));
 }
 
+// Tracks, playlists and folders as the stages store them. The device's date
+// text of a track or playlist gives back its file's time (a day below 10 is
+// written with two blanks).
 TEST_F(MtpConnectionTest, Records) {
     dir.copySample("blank-title.mp3", "phone/Music/blank.mp3");
     dir.copySample("random-bytes.m4a", "phone/Music/untagged.mp3");
     dir.write("phone/Music/None.m3u", "missing.mp3\n");
+    const long long t = 1578225600;  // Sun Jan  5 2020
+    for (const char* file : {"phone/Music/Gears/iron.mp3", "phone/Music/Road.m3u"})
+        olvane::test::setMtime(dir.file(file), t);
     SimulatedDevice::Faults faults;
     faults.noMetadata = {"Phone/Music/Jazz/blue.m4a"};
     faults.emptyTitles = {"Phone/Music/Gears/copper.mp3"};
@@ -206,17 +206,13 @@ TEST_F(MtpConnectionTest, Records) {
     };
     for (const auto& [path, want] : tracks) {
         std::unique_ptr<MetaDataInfo> s(impl.generateTrack("", "mtp-folder://phone", id(path), 42));
-        EXPECT_EQ(want, !s ? ""
-                           : s->title + "|" + s->artist + "|" + s->album + "|" + s->genre + "|" +
-                                 s->composer + "|" + std::to_string(s->trackNumber));
-        if (s) {
-            EXPECT_EQ(path + songId(path) + "42",
-                      s->path + s->objectId + std::to_string(s->lastModified));
-        }
+        EXPECT_EQ(want.empty() ? "" : want + "|" + path + songId(path) + "42",
+                  !s ? ""
+                     : s->title + "|" + s->artist + "|" + s->album + "|" + s->genre + "|" +
+                           s->composer + "|" + std::to_string(s->trackNumber) + "|" + s->path +
+                           s->objectId + std::to_string(s->lastModified));
     }
-
-    EXPECT_EQ(1, cap.count(" - Fail to invoke method: Access_GetTrackAlbumTrackIndex . - "
-                           "STATUS NOT SUPPORTED!"));  // blue's track number
+    EXPECT_EQ(t, impl.getTrackDateModifiedEpoch(id("Phone/Music/Gears/iron.mp3")));
 
     // A playlist's entries name their songs, also those never indexed; an
     // empty playlist is none.
@@ -224,10 +220,10 @@ TEST_F(MtpConnectionTest, Records) {
     std::unique_ptr<kestrow::Playlist> p(
         impl.generatePlaylist("phone", "mtp-folder://phone", road));
     ASSERT_TRUE(p);
-    Strings entries = {p->path};
+    Strings entries = {p->path + " " + std::to_string(p->modified)};
     for (const kestrow::PlaylistEntry* e : p->entries)
         entries.push_back(e->path);
-    EXPECT_EQ(Strings({"mtp-playlist://" + std::to_string(road) + "/Road",
+    EXPECT_EQ(Strings({"mtp-playlist://" + std::to_string(road) + "/Road " + std::to_string(t),
                        songId("Phone/Music/Gears/iron.mp3"), songId("Phone/Music/Jazz/blue.m4a"),
                        songId("Phone/Music/skip.ogg"), ""}),
               entries);
@@ -252,10 +248,7 @@ TEST_F(MtpConnectionTest, MinersLeaveTheSlotsOfAGonePhoneEmpty) {
     EXPECT_EQ("Copper Sky|Iron Road|null|", mine({}));
     SimulatedDevice::Faults faults;
     faults.unplugAfter = 1 + 6 + 2;
-    bool gone = false;
-    EXPECT_EQ("Copper Sky|null|null|", mine(faults, &gone));
-    EXPECT_TRUE(gone);
-    EXPECT_EQ(1, cap.count("Indexing of track stopped or device removed"));
+    EXPECT_EQ("Copper Sky|null|null|gone", mine(faults));
 
     // Each playlist takes five calls: the second is read while the phone is unplugged.
     faults.unplugAfter = 5 + 2;
@@ -263,14 +256,12 @@ TEST_F(MtpConnectionTest, MinersLeaveTheSlotsOfAGonePhoneEmpty) {
     auto lists = kestrow::MtpPlaylistMiner("MtpPlaylistMiner")
                      .doOperation(files(6, {"Phone/Music/Best.m3u", "Phone/Music/Road.m3u"}));
     ASSERT_EQ(1u, lists->items.size());
-    EXPECT_EQ("Best", lists->items[0]->name);
-    EXPECT_TRUE(lists->operation.deviceGone);
+    EXPECT_EQ("Best gone", lists->items[0]->name + (lists->operation.deviceGone ? " gone" : ""));
 
     DatabaseMgr::instance().createDb("phone", "mtp-folder://phone", true);
     ASSERT_EQ(0, ::truncate(DatabaseMgr::instance().getDbNameFromDevId("phone").c_str(),
                             DatabaseMgr::kSizeLimit));  // sparse
     EXPECT_EQ("null|null|null|", mine({}));
-    EXPECT_EQ(1, cap.count("MtpMiner SKIPPED db size limit reached (op: 5)"));
 }
 
 TEST(MtpDirectorySaverTest, AChangedFolderSetRewritesTheTableUnlessTheDeviceIsGone) {

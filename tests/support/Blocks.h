@@ -2,7 +2,6 @@
 // Blocks built by tests: one operation, the records given, owned by the block.
 
 #include <boost/shared_ptr.hpp>
-#include <initializer_list>
 #include <string>
 
 #include "framework/Block.h"
@@ -15,13 +14,11 @@ inline kestrow::Operation testOperation(const std::string& mountPoint = "/media/
     return kestrow::Operation(id, 0, deviceId, mountPoint, last);
 }
 
-// A Block<T*> holding `items` (adopted) under `op`.
+// An empty Block<T*> of `op`; the records pushed into it are owned by it.
 template <class T>
-boost::shared_ptr<kestrow::Block<T*>> makeBlock(const kestrow::Operation& op,
-                                                std::initializer_list<T*> items = {}) {
+boost::shared_ptr<kestrow::Block<T*>> makeBlock(const kestrow::Operation& op) {
     boost::shared_ptr<kestrow::Block<T*>> b(new kestrow::Block<T*>());
     b->operation = op;
-    b->items.assign(items.begin(), items.end());
     return b;
 }
 

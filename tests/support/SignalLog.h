@@ -3,35 +3,31 @@
 // so that signals emitted on stage threads are read on the test's thread.
 
 #include <QObject>
-#include <QString>
 #include <QStringList>
 
 #include "facade/KestrowQTProxy.h"
 
-namespace olvane {
-namespace test {
+namespace olvane::test {
 
 class SignalLog : public QObject {
 public:
     SignalLog() {
-        KestrowQTProxy& p = KestrowQTProxy::instance();
-        connect(
-            &p, &KestrowQTProxy::crawlingFinished, this,
-            [this](QString mp) { entries << "crawlingFinished " + mp; }, Qt::QueuedConnection);
-        connect(
-            &p, &KestrowQTProxy::indexingFinished, this,
-            [this](QString mp) { entries << "indexingFinished " + mp; }, Qt::QueuedConnection);
-        connect(
-            &p, &KestrowQTProxy::contentModified, this,
-            [this](QString mp) { entries << "contentModified " + mp; }, Qt::QueuedConnection);
-        connect(
-            &p, &KestrowQTProxy::databaseExists, this,
-            [this](QString id, QString mp) { entries << "databaseExists " + id + " " + mp; },
-            Qt::QueuedConnection);
+        record(&KestrowQTProxy::crawlingFinished, "crawlingFinished");
+        record(&KestrowQTProxy::indexingFinished, "indexingFinished");
+        record(&KestrowQTProxy::contentModified, "contentModified");
+        record(&KestrowQTProxy::databaseExists, "databaseExists");
     }
 
     QStringList entries;  // "<signal> <args...>", read and written on the test's thread
+
+private:
+    template <class... Args>
+    void record(void (KestrowQTProxy::*signal)(Args...), const QString& name) {
+        connect(
+            &KestrowQTProxy::instance(), signal, this,
+            [this, name](Args... args) { entries << (QStringList{name} << ... << args).join(' '); },
+            Qt::QueuedConnection);
+    }
 };
 
-}  // namespace test
-}  // namespace olvane
+}  // namespace olvane::test

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "mtp/MtpConnection.h"
 #include "mtp/MtpDevice.h"
@@ -21,7 +20,7 @@ namespace olvane::test {
 
 // Owns a list the device-access library handed to its receiver (a
 // t_mtp_item_list or t_playlist_items_list): frees every name and the array.
-// Passes as the library's list type; entries() reads "name:type" or the ids.
+// Passes as the library's list type.
 template <class List>
 struct OwnedList : List {
     OwnedList() : List{0, nullptr} {}
@@ -34,13 +33,6 @@ struct OwnedList : List {
         std::free(this->items);
         this->count = 0;
         this->items = nullptr;
-    }
-    std::vector<std::string> names() const {
-        std::vector<std::string> out;
-        for (unsigned i = 0; i < this->count; ++i)
-            out.push_back(std::string(this->items[i].name) + ":" +
-                          std::to_string(this->items[i].type));
-        return out;
     }
 };
 using ItemList = OwnedList<t_mtp_item_list>;

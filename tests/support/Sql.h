@@ -13,19 +13,33 @@
 
 namespace olvane::test {
 
-// First column of every row `sql` returns on the device's database ("<null>"
-// for NULL). A failing statement fails the test.
-inline std::vector<std::string> dbColumn(const std::string& devId, const std::string& sql) {
-    std::vector<std::string> rows;
-    auto add = [](void* out, int, char** v, char**) {
-        static_cast<std::vector<std::string>*>(out)->push_back(v[0] ? v[0] : "<null>");
+// Every row `sql` returns on the device's database: its first column, or
+// with `whole` all but ID columns (all with `keepIds`) joined by '|'.
+// "<null>" stands for NULL. A failing statement fails the test.
+inline std::vector<std::string> dbRows(const std::string& devId, const std::string& sql, bool whole,
+                                       bool keepIds = false) {
+    struct Out {
+        std::vector<std::string> rows;
+        bool whole, keepIds;
+    } out{{}, whole, keepIds};
+    auto add = [](void* to, int n, char** v, char** names) {
+        Out& out = *static_cast<Out*>(to);
+        std::string row;
+        for (int c = 0; c < (out.whole ? n : 1); ++c)
+            if (out.keepIds || !out.whole || std::string(names[c]) != "ID")
+                row += (c ? "|" : "") + std::string(v[c] ? v[c] : "<null>");
+        out.rows.push_back(row);
         return 0;
     };
     sqlite3* db = nullptr;
     sqlite3_open(DatabaseMgr::instance().getDbNameFromDevId(devId).c_str(), &db);
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), add, &rows, nullptr)) << sql;
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), add, &out, nullptr)) << sql;
     sqlite3_close(db);
-    return rows;
+    return out.rows;
+}
+
+inline std::vector<std::string> dbColumn(const std::string& devId, const std::string& sql) {
+    return dbRows(devId, sql, false);
 }
 
 // Every row of the device's index tables as "TABLE|value|value..." texts,
@@ -34,29 +48,12 @@ inline std::vector<std::string> dbColumn(const std::string& devId, const std::st
 // written again). Compares a database with a clean index of the same tree.
 inline std::vector<std::string> indexDump(const std::string& devId, bool keepIds = false) {
     std::vector<std::string> rows;
-    sqlite3* db = nullptr;
-    EXPECT_EQ(SQLITE_OK, sqlite3_open_v2(DatabaseMgr::instance().getDbNameFromDevId(devId).c_str(),
-                                         &db, SQLITE_OPEN_READONLY, nullptr));
-    for (const char* table :
+    for (std::string table :
          {"SONGS", "ARTISTS", "ALBUMS", "GENRES", "COMPOSERS", "PLAYLISTS", "DIRECTORIES"}) {
-        sqlite3_stmt* stmt = nullptr;
-        EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(db, (std::string("SELECT * FROM ") + table).c_str(),
-                                                -1, &stmt, nullptr))
-            << table;
-        while (sqlite3_step(stmt) == SQLITE_ROW) {
-            std::string row = table;
-            for (int c = 0; c < sqlite3_column_count(stmt); ++c) {
-                const std::string column = sqlite3_column_name(stmt, c);
-                if (column == "ID" && !keepIds)
-                    continue;
-                const unsigned char* v = sqlite3_column_text(stmt, c);
-                row += "|" + (v ? std::string(reinterpret_cast<const char*>(v)) : "<null>");
-            }
-            rows.push_back(row);
-        }
-        sqlite3_finalize(stmt);
+        const std::vector<std::string> more =
+            dbRows(devId, "SELECT '" + table + "', * FROM " + table, true, keepIds);
+        rows.insert(rows.end(), more.begin(), more.end());
     }
-    sqlite3_close(db);
     std::sort(rows.begin(), rows.end());
     return rows;
 }

@@ -4,8 +4,7 @@
 #include <QElapsedTimer>
 #include <QThread>
 
-namespace olvane {
-namespace test {
+namespace olvane::test {
 
 // Waits until `condition()` holds, processing Qt events meanwhile, for at
 // most `timeoutMs`. Returns whether it held. Tests wait on conditions this
@@ -23,5 +22,4 @@ bool waitFor(Condition condition, int timeoutMs = 20000) {
     return true;
 }
 
-}  // namespace test
-}  // namespace olvane
+}  // namespace olvane::test
