@@ -30,12 +30,12 @@ MtpCrawler::MtpCrawler(const char* name_)
       playlistSink(nullptr),
       directorySink(nullptr) {}
 
-void MtpCrawler::setPlaylistSink(BaseServer<Block<FileInfo*>>* target) {
-    playlistSink = target;
+void MtpCrawler::setPlaylistSink(BaseServer<Block<FileInfo*>>* sink) {
+    playlistSink = sink;
 }
 
-void MtpCrawler::setDirectorySink(BaseServer<Block<MtpDirectory*>>* target) {
-    directorySink = target;
+void MtpCrawler::setDirectorySink(BaseServer<Block<MtpDirectory*>>* sink) {
+    directorySink = sink;
 }
 
 boost::shared_ptr<Block<FileInfo*>> MtpCrawler::doOperation(

@@ -29,8 +29,8 @@ class MtpCrawler : public Server<Block<Directory*>, Block<FileInfo*>> {
 public:
     explicit MtpCrawler(const char* name);
 
-    void setPlaylistSink(BaseServer<Block<FileInfo*>>* target);
-    void setDirectorySink(BaseServer<Block<MtpDirectory*>>* target);
+    void setPlaylistSink(BaseServer<Block<FileInfo*>>* sink);
+    void setDirectorySink(BaseServer<Block<MtpDirectory*>>* sink);
 
     boost::shared_ptr<Block<FileInfo*>> doOperation(
         boost::shared_ptr<Block<Directory*>> in) override;
