@@ -12,8 +12,10 @@ function(olvane_add_test file)
     if(name IN_LIST OLVANE_CONCURRENCY_TESTS)
         add_dependencies(concurrency-tests ${name})
         set_property(TEST ${name} APPEND PROPERTY LABELS concurrency)
+        # die_after_fork=0: tests start programs (cp, setpriv) from a process
+        # with threads; the child only execs.
         set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT
-            "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/scripts/tsan.supp:halt_on_error=1:second_deadlock_stack=1")
+            "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/scripts/tsan.supp:halt_on_error=1:second_deadlock_stack=1:die_after_fork=0")
     endif()
 endfunction()
 
