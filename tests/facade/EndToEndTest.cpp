@@ -2,17 +2,6 @@
 // device pipelines, for trees, partitions and a simulated phone. Hooks set
 // before a request run on its mass-storage pipeline's threads, before each
 // folder of the walk and each song the miner reads, to hold or break it there.
-#include <sys/mount.h>
-#include <unistd.h>
-
-#include <QProcess>
-#include <algorithm>
-#include <atomic>
-#include <cstring>
-#include <filesystem>
-#include <functional>
-#include <random>
-#include <thread>
 
 #include "facade/KestrowQTProxy.h"
 #include "msd/MSDCrawler.h"

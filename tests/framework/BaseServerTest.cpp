@@ -1,10 +1,5 @@
 // The stage framework: queues, pausing, stopping, failed passes, pipelines,
 // blocks and the scheduler's order of operations.
-#include <algorithm>
-#include <functional>
-#include <random>
-#include <stdexcept>
-#include <thread>
 
 #include "framework/KestrowOperation.h"
 #include "framework/Pipeline.h"

@@ -1,16 +1,7 @@
 // The mass-storage stages, each run on the test's thread: the crawler, the
 // normalizer, the change finder, the tag miner and the two savers.
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <QSignalSpy>
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <set>
-#include <thread>
-#include <tuple>
 
 #include "facade/KestrowQTProxy.h"
 #include "msd/ChangeFinder.h"

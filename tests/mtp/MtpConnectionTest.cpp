@@ -2,11 +2,6 @@
 // stages built on it: the miners and the folder saver.
 #include "mtp/MtpConnection.h"
 
-#include <unistd.h>
-
-#include <QSignalSpy>
-#include <algorithm>
-
 #include "facade/KestrowQTProxy.h"
 #include "mtp/MtpConnectionImpl.h"
 #include "mtp/MtpDirectory.h"

@@ -1,13 +1,8 @@
 #include "mtp/MtpDevice.h"
 
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <fstream>
 #include <future>
-#include <string>
 
 #include "facade/KestrowQTProxy.h"
 #include "tests/support/Testing.h"

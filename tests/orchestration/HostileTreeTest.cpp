@@ -2,18 +2,7 @@
 // files, broken songs, link loops, huge and hostile playlists, entries and
 // links that lead outside the mount point. The host program runs as an
 // unprivileged user, so that unreadable files are unreadable.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <fstream>
-#include <iterator>
-#include <random>
-#include <set>
-#include <vector>
 
 #include "tests/support/AsUser.h"
 #include "tests/support/Testing.h"

@@ -4,11 +4,7 @@
 // pipeline the completion blocks its three savers would send.
 #include "orchestration/Kestrow.h"
 
-#include <unistd.h>
-
 #include <QMetaMethod>
-#include <array>
-#include <stdexcept>
 
 #include "facade/KestrowQTProxy.h"
 #include "framework/Server.h"

@@ -1,13 +1,8 @@
 #include "platform/codingdata/CodingData.h"
 
 #include <glib.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <map>
-
-#include "tests/support/TempDir.h"
+#include "tests/support/Testing.h"
 
 namespace {
 

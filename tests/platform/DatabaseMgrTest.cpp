@@ -2,8 +2,6 @@
 
 #include <sqlite3.h>
 
-#include <filesystem>
-
 #include "platform/common/Md5.h"
 #include "tests/support/Testing.h"
 

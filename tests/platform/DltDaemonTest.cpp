@@ -2,13 +2,10 @@
 // a private daemon (its own FIFO directory, port and control socket), reads
 // the lines back with dlt-receive, and stops both before it ends.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <QStandardPaths>
-#include <algorithm>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Testing.h"

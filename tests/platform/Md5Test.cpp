@@ -1,10 +1,9 @@
 // The ids that join the tables, and the texts of a song record.
 #include "platform/common/Md5.h"
 
-#include <gtest/gtest.h>
-
 #include "msd/Directory.h"
 #include "platform/common/MetaDataInfo.h"
+#include "tests/support/Testing.h"
 
 namespace {
 

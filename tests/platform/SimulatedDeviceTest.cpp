@@ -4,9 +4,7 @@
 
 #include <taglib/fileref.h>
 #include <taglib/tag.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
 
 #include "platform/mtputils/MtpUtils.h"

@@ -2,11 +2,6 @@
 // exit with no daemon, long messages, and sinks removed while others log.
 #include "platform/log/ZQLog.h"
 
-#include <sys/stat.h>
-
-#include <atomic>
-#include <thread>
-
 #include "platform/log/LogSink.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Testing.h"

@@ -1,8 +1,6 @@
 // The playlist stages: the mass-storage playlist miner and the playlist saver.
 #include <glib.h>
 
-#include <map>
-
 #include "platform/common/MetaDataInfo.h"
 #include "playlist/MSDPlaylistMiner.h"
 #include "playlist/PlaylistSaver.h"

@@ -4,9 +4,6 @@
 
 #include <glib.h>
 
-#include <filesystem>
-#include <stdexcept>
-
 #include "db/Collation.h"
 #include "db/DatabaseOpen.h"
 #include "db/Timer.h"

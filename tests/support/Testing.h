@@ -1,10 +1,35 @@
 #pragma once
-// What most tests include: GoogleTest, temporary trees, waiting on
-// conditions, reading device databases, blocks and the log capture.
+// What every test includes: GoogleTest, the C++, POSIX and Qt headers the
+// tests share, temporary trees, waiting on conditions, reading device
+// databases, blocks and the log capture.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <QCoreApplication>
+#include <QProcess>
+#include <QSignalSpy>
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "platform/common/DatabaseMgr.h"

@@ -1,6 +1,5 @@
 // Runs the olvane-indexer program as a person would and reads what it prints.
 #include <signal.h>
-#include <sys/mount.h>
 
 #include <QFile>
 #include <QJsonArray>
@@ -10,7 +9,6 @@
 #include <QRegularExpression>
 #include <QStorageInfo>
 #include <QUrl>
-#include <tuple>
 
 #include "tests/support/AsUser.h"
 #include "tests/support/SimulatedPhone.h"
