@@ -58,15 +58,6 @@ void stopAndJoin(std::initializer_list<Runnable*> stages) {
     for (Runnable* r : stages)
         r->stop(), r->join();
 }
-// "function: message" of the captured lines containing `part` there.
-Strings linesWith(const olvane::LogCapture& cap, const std::string& part) {
-    Strings out;
-    for (const auto& l : cap.lines())
-        if ((l.function + ": " + l.message).find(part) != std::string::npos)
-            out.push_back(l.function + ": " + l.message);
-    return out;
-}
-
 }  // namespace
 
 // The stage starts paused: it takes nothing until start(), and the 101st
@@ -211,49 +202,21 @@ TEST(BaseServerTest, PipelinePassesTokensJoinsChildrenLastToFirstAndDeletesThemO
     ASSERT_TRUE(waitFor([&] { return sink.got().size() == 1; }));
     EXPECT_EQ(token.get(), sink.got()[0].get());
     stopAndJoin({pipe, &sink});
-    EXPECT_EQ(Strings({"Pipe::join: Pipe joined", "C3::join: C3 joined", "C2::join: C2 joined",
-                       "C1::join: C1 joined", "Sink::join: Sink joined"}),
-              linesWith(cap, " joined"));
-    EXPECT_TRUE(linesWith(cap, "~BaseServer").empty());
-    delete pipe;
-    EXPECT_EQ(Strings({"C1::~BaseServer: ~BaseServer", "C2::~BaseServer: ~BaseServer",
-                       "C3::~BaseServer: ~BaseServer", "Pipe::~BaseServer: ~BaseServer"}),
-              linesWith(cap, "~BaseServer"));
+    Strings joined;
+    for (const auto& l : cap.lines())
+        if (l.message.find(" joined") != std::string::npos)
+            joined.push_back(l.message);
+    EXPECT_EQ(Strings({"Pipe joined", "C3 joined", "C2 joined", "C1 joined", "Sink joined"}),
+              joined);
+    delete pipe;  // with its children, once (the sanitizer sees a leak or a second delete)
 }
 
-TEST(BaseServerTest, BlockDeletesItsRecordsOnceAndSparesMovedOnes) {
-    std::atomic<int> destroyed{0};
-    boost::shared_ptr<RecBlock> from = recs(1, true, 3, destroyed);
-    from->items.insert(from->items.begin() + 1, nullptr);
-    boost::shared_ptr<RecBlock> to(new RecBlock);
-    to->items.push_back(from->items[2]);  // moved out
-    from->items[2] = nullptr;
-    from->operation.deviceGone = true, from->operation.handle = 7;
-    const Operation copy(from->operation);
-    EXPECT_TRUE(copy.id == 1 && copy.handle == 7 && copy.lastBlock && copy.deviceGone &&
-                copy.deviceId == "dev1");
-    boost::shared_ptr<RecBlock> alias = from;
-    from.reset();
-    EXPECT_EQ(0, destroyed);
-    alias.reset();
-    EXPECT_EQ(2, destroyed);
-    to.reset();
-    EXPECT_EQ(3, destroyed);
-}
-
+// Ordered by handle, device id (bytes, unsigned), mount point, then id.
 TEST(BaseServerTest, OperationsOrderByHandleDeviceMountPointThenId) {
-    const std::vector<KestrowOperation> ordered{
-        KestrowOperation(0, "de", "/z", 9),         KestrowOperation(0, "dev", "/media", 9),
-        KestrowOperation(0, "dev", "/media/b", -2), KestrowOperation(0, "dev", "/media/b", 3),
-        KestrowOperation(0, "dev", "/media/b", 10), KestrowOperation(0, "\xc3\xa9", "/a", 0),
-        KestrowOperation(1, "a", "/a", 0),  // the handle decides first
-    };
-    for (size_t i = 0; i + 1 < ordered.size(); ++i) {
-        EXPECT_TRUE(ordered[i] < ordered[i + 1]) << i;
-        EXPECT_FALSE(ordered[i + 1] < ordered[i]) << i;
-    }
-    KestrowOperation same(0, "dev", "/media/b", 3);  // counters are not part of the key
-    same.resultCount = 5;
-    same.incomplete = true;
-    EXPECT_FALSE(same < ordered[3] || ordered[3] < same);
+    KestrowOperation ordered[] = {{0, "de", "/z", 9},         {0, "dev", "/media", 9},
+                                  {0, "dev", "/media/b", -2}, {0, "dev", "/media/b", 3},
+                                  {0, "dev", "/media/b", 10}, {0, "\xc3\xa9", "/a", 0},
+                                  {1, "a", "/a", 0}};
+    for (size_t i = 0; i + 1 < std::size(ordered); ++i)
+        EXPECT_TRUE(ordered[i] < ordered[i + 1] && !(ordered[i + 1] < ordered[i])) << i;
 }

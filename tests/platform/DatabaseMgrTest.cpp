@@ -1,8 +1,15 @@
+// The database layer: the device databases, opening one for a stage, the SQL
+// streams, the UTF-8 collation and the stopwatch.
 #include "platform/common/DatabaseMgr.h"
 
+#include <glib.h>
 #include <sqlite3.h>
 
+#include "db/Collation.h"
+#include "db/DatabaseOpen.h"
+#include "db/Timer.h"
 #include "platform/common/Md5.h"
+#include "sql/SqlStream.h"
 #include "tests/support/Testing.h"
 
 namespace {
@@ -22,25 +29,31 @@ struct DatabaseMgrTest : ::testing::Test {
     DatabaseMgr& mgr = DatabaseMgr::instance();
 };
 
-TEST_F(DatabaseMgrTest, NamesStatusCreateDbAndSync) {
+// Names, statuses, a database made again under a reader that keeps its WAL,
+// sync. Then a stage's streams on it: a write statement is bound again after
+// each step, and a failure lasts until the next query; a NULL text keeps the
+// target and the stream good; at the end of a query stepping does not start
+// it again. Only an existing database opens, with the time-out asked for; a
+// failed open leaves no connection and cleared flags, and makes no file.
+TEST_F(DatabaseMgrTest, NamesStatusSyncAndStreams) {
     EXPECT_EQ(dir.file("usb-SanDisk_1.0.db"), mgr.getDbNameFromDevId("usb-SanDisk_1.0"));
-    EXPECT_EQ(dir.file("dev-2e2e2f78.db"), mgr.getDbNameFromDevId("../x"));
+    EXPECT_EQ(dir.file("dev-2e2e.db"), mgr.getDbNameFromDevId(".."));
     EXPECT_EQ(dir.file("dev-612f62.db"), mgr.getDbNameFromDevId("a/b"));
-    EXPECT_EQ(dir.file("dev-2f6574632f706173737764.db"), mgr.getDbNameFromDevId("/etc/passwd"));
 
     mgr.setDatabaseDirectory(dir.file("new/dir"));
     mgr.insertStatus("dev", "/m", "OK");
     EXPECT_FALSE(exists("dev") || mgr.getStatus("dev", "/m") != "") << "a status made a database";
     mgr.createDb("dev", "/m", true);
-    mgr.insertStatus("dev", "/m", "PROGRESS");
-    mgr.insertStatus("dev", "/m", "OK");
-    mgr.insertStatus("dev", "/m2", "PROGRESS");
+    for (auto [mp, status] : {std::pair{"/m", "PROGRESS"}, {"/m", "OK"}, {"/m2", "PROGRESS"}})
+        mgr.insertStatus("dev", mp, status);
     EXPECT_EQ("OK PROGRESS", mgr.getStatus("dev", "/m") + " " + mgr.getStatus("dev", "/m2"));
 
     const std::string file = mgr.getDbNameFromDevId("dev");
-    sqlite3* db = nullptr;  // keeps the WAL
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &db));
-    sqlite3_exec(db, "INSERT INTO SONGS (PATH) VALUES ('/m/a.mp3');", nullptr, nullptr, nullptr);
+    sqlstl::sqlostream out;  // keeps the WAL
+    sqlstl::sqlistream in;
+    mgr.open("dev", out, 1000);
+    mgr.open("dev", in, 1000);
+    out.exec("INSERT INTO SONGS (PATH) VALUES ('/m/a.mp3');");
     mgr.createDb("dev", "/m", true);
     // The tables the other tests do not use are there too.
     dbColumn("dev", "SELECT 1 FROM ALBUMS, GENRES, COMPOSERS, VIEW_PLAYLISTNAMES;");
@@ -48,10 +61,39 @@ TEST_F(DatabaseMgrTest, NamesStatusCreateDbAndSync) {
     mgr.sync("dev");
     EXPECT_EQ(0u, fs::file_size(file + "-wal"));
     fs::copy_file(file, dir.file("new/dir/copy.db"));
-    EXPECT_EQ(std::vector<std::string>{"/m/a.mp3"}, dbColumn("copy", "SELECT PATH FROM SONGS;"));
-    sqlite3_close(db);
+    EXPECT_EQ(Strings{"/m/a.mp3"}, dbColumn("copy", "SELECT PATH FROM SONGS;"));
     mgr.sync("missing");
     EXPECT_FALSE(exists("missing"));
+
+    out.exec("CREATE TABLE T (A INTEGER PRIMARY KEY, B TEXT);");
+    out.query("INSERT INTO T (A, B) VALUES (?, ?);");
+    const std::string texts[] = {"x", "y"};  // bound without copying
+    for (int i = 0; i < 2; ++i)
+        out << i << texts[i] << sqlstl::step;
+    out << 1 << "again" << sqlstl::step << 2 << "lost" << sqlstl::step;
+    out.query("INSERT INTO T (A, B) VALUES (?, ?);");
+    out << 3 << "z" << sqlstl::step << 4 << static_cast<const char*>(nullptr) << sqlstl::step;
+    in.query("SELECT A, B FROM T ORDER BY A;");
+    std::string rows, b;
+    int a = 0;
+    while (in.step().good() && (in >> a >> b).good())
+        rows += std::to_string(a) + b + " ";
+    EXPECT_EQ("0x 1y 3z 4z ", rows);
+    EXPECT_TRUE((in.step() >> (a = -1)).eof());
+    EXPECT_EQ(-1, a);
+    EXPECT_FALSE(sqlite3_stmt_busy(in.stmt)) << "a restarted query holds a read lock";
+
+    mgr.open("dev", in, 3600000);
+    in.query("PRAGMA busy_timeout;");
+    in.step() >> a;
+    EXPECT_EQ(3600000, a);
+    mgr.setDatabaseDirectory(dir.file("c"));  // where "dev" was deleted meanwhile
+    in.setstate(std::ios_base::badbit);
+    EXPECT_THROW(mgr.open("dev", in, 1000), std::runtime_error);
+    EXPECT_TRUE(in.db == nullptr && in.good() && fs::is_directory(dir.file("c")) &&
+                !fs::exists(dir.file("c/dev.db")));
+    mgr.setDatabaseDirectory(dir.write("file", "x") + "/db");  // a file where the directory goes
+    EXPECT_THROW(mgr.open("dev", in, 1000), std::runtime_error);
 }
 
 TEST_F(DatabaseMgrTest, DanglingPartitionsLoseTheirRows) {
@@ -76,7 +118,7 @@ TEST_F(DatabaseMgrTest, DanglingPartitionsLoseTheirRows) {
     mgr.removeDanglingPartitions("dev", "/media/usbb");
 
     // What is left, with its number of rows (one per table).
-    EXPECT_EQ((std::vector<std::string>{"/media/usb_2/x 4", "/media/usbb/x 4"}),
+    EXPECT_EQ((Strings{"/media/usb_2/x 4", "/media/usbb/x 4"}),
               dbColumn("dev",
                        "SELECT X || ' ' || count(*) FROM (SELECT ARTIST X FROM ARTISTS "
                        "UNION ALL SELECT PATH FROM SONGS UNION ALL SELECT PATH FROM "
@@ -86,14 +128,13 @@ TEST_F(DatabaseMgrTest, DanglingPartitionsLoseTheirRows) {
 }
 
 // A database keeps its -wal and -shm files after its last connection closes,
-// and they count in its size.
+// and they count in its size; of a database's size limit only the -shm does not.
 TEST_F(DatabaseMgrTest, CheckAndDeleteRemovesLeastRecentlyIndexedFirst) {
     // Indexed at: own 50 (oldest, but never deleted), b 100, d 150 (no
     // status: its file time), c 200, a 300.
     const std::pair<const char*, long long> devices[] = {
         {"own", 50}, {"a", 300}, {"b", 100}, {"c", 200}, {"d", 0}};
-    auto size = [this](const char* d) {
-        long n = 0;
+    auto size = [this](const char* d, long n = 0) {
         for (const char* suffix : {"", "-wal", "-shm"})
             n += long(fs::file_size(mgr.getDbNameFromDevId(d) + suffix));
         return n;
@@ -104,33 +145,27 @@ TEST_F(DatabaseMgrTest, CheckAndDeleteRemovesLeastRecentlyIndexedFirst) {
         mgr.setClock([&dev] { return dev.second; });
         if (dev.second)
             mgr.insertStatus(dev.first, "/m", "OK");
-        EXPECT_TRUE(exists(dev.first, "-wal") && exists(dev.first, "-shm")) << dev.first;
-        all += size(dev.first);
+        all += size(dev.first);  // throws if the -wal or -shm is gone
     }
     olvane::test::setMtime(mgr.getDbNameFromDevId("d"), 150);
     dir.write("notes.txt", std::string(100000, 'n'));
     mgr.checkAndDelete("own", all - size("b") - 1);  // deleting b is not enough; b and d are
-    EXPECT_FALSE(exists("b") || exists("d"));
-    EXPECT_TRUE(exists("own") && exists("a") && exists("c"));
+    EXPECT_TRUE(!exists("b") && !exists("d") && exists("own") && exists("a") && exists("c"));
 
     mgr.holdDevice("c");  // a device with a request is spared until released
     mgr.checkAndDelete("own", 0);
-    EXPECT_TRUE(exists("own") && exists("c") && fs::exists(dir.file("notes.txt")));
-    EXPECT_FALSE(exists("a"));
+    EXPECT_TRUE(!exists("a") && exists("own") && exists("c") && fs::exists(dir.file("notes.txt")));
     mgr.releaseDevice("c");
     mgr.checkAndDelete("own", 0);
     EXPECT_FALSE(exists("c"));
 
-    const std::string db = mgr.getDbNameFromDevId("big");
-    auto sized = [&](const char* suffix, long size) {  // sparse: nothing is written
-        fs::resize_file(dir.write("big.db" + std::string(suffix), ""), size);
-    };
-    sized("", DatabaseMgr::kSizeLimit / 2);
-    sized("-wal", DatabaseMgr::kSizeLimit / 2 - 1);
-    sized("-shm", 1);
-    EXPECT_FALSE(mgr.dbSizeHasReachLimit(db));
-    sized("-wal", DatabaseMgr::kSizeLimit / 2);
-    EXPECT_TRUE(mgr.dbSizeHasReachLimit(db));
+    const long half = DatabaseMgr::kSizeLimit / 2;  // sparse files: nothing is written
+    for (long wal : {half - 1, half}) {
+        for (const char* suffix : {"", "-wal", "-shm"})
+            fs::resize_file(dir.write("big.db" + std::string(suffix), ""),
+                            *suffix ? suffix[1] == 'w' ? wal : 1 : half);
+        EXPECT_EQ(wal == half, mgr.dbSizeHasReachLimit(dir.file("big.db")));
+    }
     mgr.deleteDb("big");
     EXPECT_FALSE(exists("big") || exists("big", "-wal") || exists("big", "-shm"));
 }
@@ -149,25 +184,42 @@ TEST_F(DatabaseMgrTest, CreateDbRebuildsWhatIsNotAnIndexDatabase) {
     const std::string good = mgr.getDbNameFromDevId("good");
     fs::copy_file(good, dir.file("new/dir/truncated.db"));
     fs::resize_file(dir.file("new/dir/truncated.db"), fs::file_size(good) / 2);
-    std::string noise(20000, '\0');
-    for (size_t i = 0; i < noise.size(); ++i)
-        noise[i] = char((i * 2654435761u) >> 13);
-    dir.write("new/dir/random.db", noise);
+    dir.write("new/dir/random.db", std::string(20000, '\x9c'));
     dir.write("new/dir/empty.db", "");
     dbColumn("foreign", "CREATE TABLE SONGS (X); INSERT INTO SONGS VALUES (1);");
 
-    for (const char* dev : {"random", "truncated", "empty", "foreign", "good"}) {
+    for (const std::string dev : {"random", "truncated", "empty", "foreign", "good"}) {
         SCOPED_TRACE(dev);
-        const std::string d = dev;
         EXPECT_NO_THROW(mgr.createDb(dev, "/m", true));
-        EXPECT_EQ(Strings({"ok", d == "good" ? "200" : "0"}),
+        EXPECT_EQ(Strings({"ok", dev == "good" ? "200" : "0"}),
                   dbColumn(dev, "PRAGMA quick_check; SELECT count(*) FROM SONGS;"));
-        EXPECT_EQ(d != "good" && d != "empty",
+        EXPECT_EQ(dev != "good" && dev != "empty",
                   cap.contains(mgr.getDbNameFromDevId(dev) + " is not an index database"));
         EXPECT_EQ(0600u, unsigned(fs::status(mgr.getDbNameFromDevId(dev)).permissions()));
     }
     for (const char* d : {"new", "new/dir"})
         EXPECT_EQ(0700u, unsigned(fs::status(dir.file(d)).permissions())) << d;
+}
+
+// The collation's sign, on stack and heap buffers (one of each for the last
+// pair); each text is passed with bytes past its length. The stopwatch
+// rounds half up, across a second.
+TEST(CollationTest, AgreesOnStackAndHeapBuffersAndTheStopwatchRoundsHalfUp) {
+    auto collate = [](const std::string& a, const std::string& b) {
+        const std::string pa = a + "zzz", pb = b + "AAA";
+        int r = collation_utf8(nullptr, int(a.size()), pa.data(), int(b.size()), pb.data());
+        return (r > 0) - (r < 0);
+    };
+    for (size_t len : {8191, 8192, 20000}) {
+        const std::string low(len, 'a'), high = std::string(len - 1, 'a') + "b";
+        EXPECT_EQ((std::vector<int>{-1, 1, 0, -1}),
+                  (std::vector<int>{collate(low, high), collate(high, low), collate(low, low),
+                                    collate(std::string(8000, 'a'), high)}))
+            << len;
+    }
+    EXPECT_EQ(g_utf8_collate("été", "f") > 0, collate("été", "f") > 0);
+    EXPECT_EQ(1, Timer({10, 999600}).stop({11, 1099}));
+    EXPECT_EQ(2, Timer({10, 999600}).stop({11, 1100}));
 }
 
 }  // namespace

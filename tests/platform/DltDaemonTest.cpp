@@ -13,11 +13,9 @@
 using namespace olvane::test;
 
 TEST(DltDaemonTest, EveryLineReachesTheDaemon) {
-    std::vector<std::string> paths;
-    for (const char* program : {"dlt-daemon", "dlt-receive", "stdbuf"}) {
-        paths.push_back(QStandardPaths::findExecutable(program).toStdString());
-        ASSERT_NE("", paths.back()) << program << " is missing: run scripts/setup";
-    }
+    for (const char* program : {"dlt-daemon", "dlt-receive", "stdbuf"})
+        ASSERT_NE("", QStandardPaths::findExecutable(program))
+            << program << " is missing: run scripts/setup";
     sockaddr_in addr{AF_INET, 0, {}, {}};  // any address: a TCP port that is free now
     socklen_t len = sizeof addr;
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -28,7 +26,7 @@ TEST(DltDaemonTest, EveryLineReachesTheDaemon) {
     TempDir dir;
     dir.write("dlt.conf", "PersistanceStoragePath = " + dir.path() +
                               "\nControlSocketPath = " + dir.file("ctrl.sock") + "\n");
-    ChildProcess daemon({paths[0], "-c", dir.file("dlt.conf"), "-t", dir.path(), "-p", port});
+    ChildProcess daemon({"dlt-daemon", "-c", dir.file("dlt.conf"), "-t", dir.path(), "-p", port});
     const auto ready = [&] {  // a FIFO opens for writing without blocking once it has a reader
         const int fifo = ::open(dir.file("dlt").c_str(), O_WRONLY | O_NONBLOCK);
         return (fifo >= 0 && ::close(fifo) == 0) || daemon.state() != QProcess::Running;
@@ -38,7 +36,7 @@ TEST(DltDaemonTest, EveryLineReachesTheDaemon) {
                      << (daemon.readAllStandardOutput() + daemon.readAllStandardError()).data();
 
     // Line-buffered, so that its output can be read while it runs.
-    ChildProcess receiver({paths[2], "-oL", paths[1], "-a", "-p", port, "localhost"});
+    ChildProcess receiver({"stdbuf", "-oL", "dlt-receive", "-a", "-p", port, "localhost"});
     std::string received;
     const auto receivedHas = [&](const std::string& text) {
         received += receiver.readAllStandardOutput().toStdString();

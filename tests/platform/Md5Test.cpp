@@ -47,8 +47,7 @@ TEST(Md5Test, IdentityRulesThatJoinTheTables) {
     EXPECT_EQ((std::vector<std::string>{"sakura", "seoul", "dong jing", "", "sakura"}),
               (std::vector<std::string>{info.asianTitle, info.asianArtist, info.asianAlbum,
                                         info.asianGenre, info.asianComposer}));
-    EXPECT_EQ("", MetaDataInfo::asianReading("Café"));
-    EXPECT_EQ("", MetaDataInfo::asianReading("\xff\xfe"));
+    EXPECT_EQ("", MetaDataInfo::asianReading("Café") + MetaDataInfo::asianReading("\xff\xfe"));
 }
 
 }  // namespace

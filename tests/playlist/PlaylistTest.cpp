@@ -96,14 +96,13 @@ TEST_F(PlaylistTest, MinerNamesTheSongsPlayersOpen) {
     ASSERT_EQ(playlists.size(), out->items.size());
     for (const Playlist* p : out->items) {
         SCOPED_TRACE(p->path);
-        std::vector<std::pair<std::string, std::string>> want, got;
-        for (const std::string& s : playlists.at(p->path.substr(usb.size() + 1)).second) {
-            const MetaDataInfo song(usb + "/" + s, usb, "", "", "", "", "", 0, 0, 0);
-            want.push_back(s.rfind("http", 0) == 0 ? std::make_pair(s, Md5(Md5::SONG, s).toString())
-                                                   : std::make_pair(song.path, song.objectId));
+        Strings want, got;  // "path id"
+        for (std::string s : playlists.at(p->path.substr(usb.size() + 1)).second) {
+            s = s.rfind("http", 0) == 0 ? s : usb + "/" + s;
+            want.push_back(s + " " + MetaDataInfo(s, usb, "", "", "", "", "", 0, 0, 0).objectId);
         }
         for (const kestrow::PlaylistEntry* e : p->entries)
-            got.emplace_back(e->path, e->id.toString());
+            got.push_back(e->path + " " + e->id.toString());
         EXPECT_EQ(want, got);
     }
 }

@@ -15,28 +15,26 @@ namespace olvane::test {
 // destructor ends and reaps it if it still runs: no test leaves a process behind.
 class ChildProcess : public QProcess {
 public:
-    // `argv[0]` is the program's path. `env` entries "NAME=value" set or
-    // replace a variable of the test's environment; "NAME" removes it.
+    // `argv[0]` is the program: a path, or a name found in PATH. `env` entries
+    // "NAME=value" set or replace a variable of the test's environment; "NAME"
+    // removes it.
     explicit ChildProcess(const std::vector<std::string>& argv,
                           const std::vector<std::string>& env = {}) {
         QProcessEnvironment vars = QProcessEnvironment::systemEnvironment();
         for (const std::string& e : env) {
-            const QString entry = QString::fromStdString(e);
-            vars.remove(entry.section('=', 0, 0));
-            if (entry.contains('='))
-                vars.insert(entry.section('=', 0, 0), entry.section('=', 1));
+            const QString entry = QString::fromStdString(e), name = entry.section('=', 0, 0);
+            entry.contains('=') ? vars.insert(name, entry.section('=', 1)) : vars.remove(name);
         }
         setProcessEnvironment(vars);
-        const pid_t parent = ::getpid();
-        setChildProcessModifier([parent] {
+        setChildProcessModifier([parent = ::getpid()] {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             if (::getppid() != parent)
                 ::_exit(127);
         });
         QStringList args;
-        for (size_t i = 1; i < argv.size(); ++i)
-            args << QString::fromStdString(argv[i]);
-        start(QString::fromStdString(argv.at(0)), args);
+        for (const std::string& arg : argv)
+            args << QString::fromStdString(arg);
+        start(args.takeFirst(), args);
         waitForStarted();
     }
     ~ChildProcess() override {

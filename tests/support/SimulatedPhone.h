@@ -4,17 +4,11 @@
 // registry as on the head unit, with no real pause between the tries of a
 // busy library.
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <memory>
-#include <string>
-
 #include "mtp/MtpConnection.h"
 #include "mtp/MtpDevice.h"
 #include "platform/portolan/DeviceTable.h"
 #include "platform/portolan/SimulatedDevice.h"
-#include "tests/support/TempDir.h"
+#include "tests/support/Testing.h"
 
 namespace olvane::test {
 
@@ -24,16 +18,13 @@ namespace olvane::test {
 template <class List>
 struct OwnedList : List {
     OwnedList() : List{0, nullptr} {}
-    ~OwnedList() { release(); }
-    OwnedList(const OwnedList&) = delete;
-    OwnedList& operator=(const OwnedList&) = delete;
-    void release() {
+    ~OwnedList() {
         for (unsigned i = 0; i < this->count; ++i)
             std::free(this->items[i].name);
         std::free(this->items);
-        this->count = 0;
-        this->items = nullptr;
     }
+    OwnedList(const OwnedList&) = delete;
+    OwnedList& operator=(const OwnedList&) = delete;
 };
 using ItemList = OwnedList<t_mtp_item_list>;
 using ElementList = OwnedList<t_playlist_items_list>;
@@ -58,8 +49,7 @@ inline std::string makePhoneTree(const TempDir& dir, const std::string& relative
 
 // Attaches `folder` as the storage "Phone" for the object's life, with the
 // unplug hook wired to the registry (or to `hook`).
-class PluggedPhone {
-public:
+struct PluggedPhone {
     PluggedPhone(t_handle handle_, const std::string& deviceId, const std::string& folder,
                  const portolan::SimulatedDevice::Faults& faults = {},
                  portolan::DeviceTable::UnplugHook hook = nullptr)
