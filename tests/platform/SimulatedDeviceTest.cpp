@@ -49,7 +49,7 @@ TEST(SimulatedDeviceTest, AnswersNoOtherTestReaches) {
     olvane::test::TempDir dir;
     dir.copySample("gears-iron-road.mp3", "phone/Music/a-iron.mp3");
     dir.copySample("ferro-cafe-noir.flac", "phone/Music/b-cafe.flac");
-    dir.copySample("random-bytes.m4a", "phone/Music/c-noise.m4a");
+    dir.copySample("random-bytes.m4a", "phone/Music/#noise.m4a");
     dir.copySample("ferro-blue-hour.m4a", "phone/Music/Jazz/d-blue.m4a");
     dir.copySample("gears-old-times.mp3", "card/f-old.mp3");
     ASSERT_EQ(0, truncate(dir.file("phone/Music/a-iron.mp3").c_str(), 4ll << 30));  // sparse
@@ -61,7 +61,7 @@ TEST(SimulatedDeviceTest, AnswersNoOtherTestReaches) {
     cafe.tag()->setTitle(TagLib::String(cut + cut, TagLib::String::UTF8));
     ASSERT_TRUE(cafe.save());
     dir.write("phone/Music/Trip.m3u",
-              "#EXTM3U\nb-cafe.flac\r\n../Music/a-iron.mp3\nmissing.mp3\n"
+              "#noise.m4a\nb-cafe.flac\r\n../Music/a-iron.mp3\nmissing.mp3\n"
               "\\Music\\Jazz\\d-blue.m4a\n");
     // Plugs the phone in and lists its Music folder, as a crawl does. Storages
     // come first: "Phone" is object 1.
@@ -104,7 +104,8 @@ TEST(SimulatedDeviceTest, AnswersNoOtherTestReaches) {
     EXPECT_EQ("0 2 Phone Card 7 0 5 0 1 -1 -2 -2 -1 -2 false false true 0 0 -3 true ",
               got.toStdString());
 
-    // Comments, CR, "..", backslashes; a line naming no track is left out.
+    // Comments (even one naming a track), CR, "..", backslashes; a line naming no
+    // track is left out.
     // Tags are read from the content; a failed read leaves them as they were.
     const auto tags = [&](const std::string& file) {
         CTrackInfo info;
@@ -114,15 +115,14 @@ TEST(SimulatedDeviceTest, AnswersNoOtherTestReaches) {
         return std::string(read ? "" : "failed ") + info.getTitle() + "|" + info.getArtist() + "|" +
                info.getAlbum() + "|" + info.getGenre() + "|" + info.getComposer();
     };
-    const std::string all = "5: d-blue.m4a a-iron.mp3 b-cafe.flac c-noise.m4a f-old.mp3";
-    EXPECT_EQ(
-        (Strings{all, "3: b-cafe.flac a-iron.mp3 d-blue.m4a", all, "0 a-iron.mp3",
-                 "0 Sun Jan  5 12:00:00 2020", "0 " + cut, "-1 ", "failed keep||||",
-                 "Iron Road|The Rusty Gears|Steam and Steel|Rock|Tom Hale"}),
-        (Strings{tracks(0), tracks(trip), tracks(0), text(Access_GetTrackFileName, iron),
-                 text(Access_GetTrackDateModified, iron),
-                 text(Access_GetTrackTitle, id("Phone/Music/b-cafe.flac")),
-                 text(Access_GetTrackTitle, music), tags("c-noise.m4a"), tags("a-iron.mp3")}));
+    const std::string all = "5: #noise.m4a d-blue.m4a a-iron.mp3 b-cafe.flac f-old.mp3";
+    EXPECT_EQ((Strings{all, "3: b-cafe.flac a-iron.mp3 d-blue.m4a", all, "0 a-iron.mp3",
+                       "0 Sun Jan  5 12:00:00 2020", "0 " + cut, "-1 ", "failed keep||||",
+                       "Iron Road|The Rusty Gears|Steam and Steel|Rock|Tom Hale"}),
+              (Strings{tracks(0), tracks(trip), tracks(0), text(Access_GetTrackFileName, iron),
+                       text(Access_GetTrackDateModified, iron),
+                       text(Access_GetTrackTitle, id("Phone/Music/b-cafe.flac")),
+                       text(Access_GetTrackTitle, music), tags("#noise.m4a"), tags("a-iron.mp3")}));
 
     // Raw paths and ids, none for another handle, an unlisted track or an
     // unknown device; another device over the same folders; a reconnect.
