@@ -44,10 +44,8 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
     for (const Playlist* playlist : input->items) {
         if (!playlist)
             continue;
+        // One row per entry, no step after the last: it would play the last song twice.
         ostream << playlist;
-        // Runs the statement once more with the bindings it holds: the last
-        // entry again, or for an empty playlist the previous playlist's last.
-        ostream << sqlstl::step<char, std::char_traits<char>>;
         written = true;
     }
     ostream.exec("END TRANSACTION;");

@@ -183,10 +183,10 @@ TEST_F(HostileTreeTest, IndexingEndsWithEverySongAndReadsNothingOutside) {
     EXPECT_EQ(Strings(expected.begin(), expected.end()),
               dbColumn("dev", "SELECT PATH FROM SONGS ORDER BY PATH"));
     EXPECT_EQ("PROGRESS", DatabaseMgr::instance().getStatus("dev", usb()));  // the closed folder
-    // The long playlist names a song with each of its lines; the saver stores
-    // each playlist's last entry twice. Entries naming no song stay while the
-    // status is PROGRESS, but none of them lies outside the mount point.
-    EXPECT_EQ(Strings({"bad\xff.m3u|3", "long.m3u|100001", "wide.m3u|2"}),
+    // The long playlist names a song with each of its lines. Entries naming no
+    // song stay while the status is PROGRESS, but none of them lies outside
+    // the mount point.
+    EXPECT_EQ(Strings({"bad\xff.m3u|2", "long.m3u|100000", "wide.m3u|1"}),
               dbColumn("dev",
                        "SELECT PLAYNAME || '|' || COUNT(*) FROM PLAYLISTS "
                        "WHERE TRACKPATH IN (SELECT PATH FROM SONGS) GROUP BY PLAYNAME ORDER BY 1"));
