@@ -139,7 +139,8 @@ TEST_F(HostileTreeTest, IndexingEndsWithEverySongAndReadsNothingOutside) {
     file("lists/wide.m3u", std::string(1 << 20, 'w') + "\n../100%.mp3\n", false);
     file("lists/bad\xff.m3u", "../bad\xff\xfe.mp3\n../dir\xc3(/s.mp3\n", false);
     const std::string escape =
-        "../../etc/passwd\n../../../etc/passwd\n../links/out.mp3\nfile://" + outside + "/passwd\n";
+        "../../etc/passwd\n../../../etc/passwd\n../links/out.mp3\n../LINKS/OUT/passwd\nfile://" +
+        outside + "/passwd\n";
     file("lists/escape.m3u", escape, false);
     file("lists/escape.pls",
          "[playlist]\nFile1=../../etc/passwd\nFile2=file://" + outside +
