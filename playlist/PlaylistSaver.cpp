@@ -39,6 +39,8 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
     Timer timer;
     open(input->operation.deviceId);
 
+    boost::shared_ptr<Block<void>> output(new Block<void>());
+    output->operation = input->operation;
     ostream.exec("BEGIN TRANSACTION;");
     ostream.query(kInsertPlaylist);
     for (const Playlist* playlist : input->items) {
@@ -47,6 +49,8 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
         // One row per entry, no step after the last: it would play the last song twice.
         ostream << playlist;
         written = true;
+        if (!playlist->entries.empty())
+            output->operation.playlistsWritten.push_back(playlist->id.toString());
     }
     ostream.exec("END TRANSACTION;");
     ostream.finalize();
@@ -55,8 +59,6 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
     ostream.close();
     istream.close();
 
-    boost::shared_ptr<Block<void>> output(new Block<void>());
-    output->operation = input->operation;
     if (storageFailed())
         output->operation.writeFailed = true;
     return output;
