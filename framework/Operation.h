@@ -36,6 +36,10 @@ public:
     // on the blocks it sends: the rows in and below them are kept, and the
     // operation ends with status "PROGRESS".
     std::vector<std::string> unreadable;
+    // The PLAYID of each playlist whose rows the playlist saver wrote, set on
+    // the block it sends: when the operation ends incomplete, they may have
+    // been read without their songs, and are read again at the next indexing.
+    std::vector<std::string> playlistsWritten;
 };
 
 }  // namespace kestrow

@@ -7,6 +7,7 @@
 #include "db/DatabaseOpen.h"
 #include "facade/KestrowQTProxy.h"
 #include "msd/Directory.h"
+#include "msd/FileInfo.h"
 #include "msd/MountPointCheck.h"
 #include "orchestration/Kestrow.h"
 #include "platform/common/DatabaseMgr.h"
@@ -36,6 +37,7 @@ void SongDirectoryPipeline::enqueueNewOperation(KestrowOperation& operation,
 void SongDirectoryPipeline::enqueueOperation(KestrowOperation& operation) {
     ZQLOG_INFO("enqueueOperation %d", operation.id);
     currentOperation = operation;
+    playlistsWritten.clear();
     boost::shared_ptr<Block<Directory*>> root(new Block<Directory*>());
     root->operation =
         Operation(operation.id, operation.handle, operation.deviceId, operation.mountPoint, true);
@@ -67,6 +69,29 @@ void SongDirectoryPipeline::clearPlaylists() {
     }
 }
 
+void SongDirectoryPipeline::markPlaylistsUnread() {
+    if (playlistsWritten.empty())
+        return;
+    ZQLOG_INFO("%u playlists to be read again (op: %d)", unsigned(playlistsWritten.size()),
+               currentOperation.id);
+    try {
+        sqlstl::basic_sqlostream<char> stream;
+        DatabaseMgr::instance().open(currentOperation.deviceId, stream, 3600000);
+        stream.exec("BEGIN TRANSACTION;");
+        stream.query("UPDATE PLAYLISTS SET LASTMODIFIED = ? WHERE PLAYID = ?;");
+        for (const std::string& id : playlistsWritten)
+            stream << FileInfo::kUnreadTime << id << sqlstl::step<char, std::char_traits<char>>;
+        stream.exec("END TRANSACTION;");
+        stream.finalize();
+        // Not marked, they would be taken for read: the database is not whole.
+        writeFailed = writeFailed || stream.storageError;
+        stream.close();
+    } catch (const std::exception& e) {
+        ZQLOG_ERROR("exec failed: %d %s", SQLITE_CANTOPEN, e.what());
+        writeFailed = true;
+    }
+}
+
 boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
     boost::shared_ptr<Block<void>> block) {
     const Operation& op = block->operation;
@@ -84,17 +109,22 @@ boost::shared_ptr<Block<void>> SongDirectoryPipeline::doOperation(
     currentOperation.incomplete =
         currentOperation.incomplete || op.deviceGone || !op.unreadable.empty() || op.writeFailed;
     writeFailed = writeFailed || op.writeFailed;
+    playlistsWritten.insert(playlistsWritten.end(), op.playlistsWritten.begin(),
+                            op.playlistsWritten.end());
     ZQLOG_INFO("Result for id %d: %d", op.id, currentOperation.resultCount);
     if (currentOperation.resultCount != kTerminalStages)
         return boost::shared_ptr<Block<void>>();
 
     // Entries whose song is not in the database yet are kept while the
-    // operation is incomplete: the playlist looks unchanged next time, and
-    // only the songs are read again.
-    if (currentOperation.incomplete)
+    // operation is incomplete, and only the songs are read again; but a
+    // playlist read meanwhile may have been read while its songs were going
+    // (each entry is looked up on the device), so it is read again too.
+    if (currentOperation.incomplete) {
         ZQLOG_INFO("Playlists kept: the operation is incomplete (op: %d)", op.id);
-    else
+        markPlaylistsUnread();
+    } else {
         clearPlaylists();
+    }
 
     long elapsed = currentOperation.timer.stop();
     ZQLOG_INFO("End operation for id %d that took %ld", op.id, elapsed);

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "framework/Block.h"
 #include "framework/KestrowOperation.h"
 #include "framework/OperationType.h"
@@ -58,11 +61,15 @@ protected:
 
     // Deletes the playlist entries whose song is not in the database.
     void clearPlaylists();
+    // Gives the rows of the playlists written by the operation a time that no
+    // file has, so that the next indexing reads those playlists again.
+    void markPlaylistsUnread();
 
     KestrowOperation currentOperation;
     Kestrow* owner;
     OperationType type;
     bool writeFailed;  // a chain could not write its rows; pipeline's thread only
+    std::vector<std::string> playlistsWritten;  // by the operation; pipeline's thread only
 };
 
 }  // namespace kestrow

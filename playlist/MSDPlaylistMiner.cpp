@@ -1,7 +1,6 @@
 #include "playlist/MSDPlaylistMiner.h"
 
 #include <glib.h>
-#include <sys/stat.h>
 #include <totem-pl-parser.h>
 
 #include <exception>
@@ -12,6 +11,7 @@
 
 #include "msd/MountPointCheck.h"
 #include "platform/log/ZQLog.h"
+#include "playlist/FoldedFolders.h"
 #include "playlist/ParserLogScope.h"
 #include "playlist/PlaylistText.h"
 #include "playlist/TrackPathResolver.h"
@@ -131,12 +131,6 @@ ParsedEntries parse(const std::string& uri, const std::string& path) {
     return parsed;
 }
 
-// Whether the device has an entry of that name; nothing is opened.
-bool exists(const std::string& path) {
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
 template <class Text, class Resolve>
 void addEntries(Playlist* playlist, const std::vector<Text>& texts, Resolve resolve) {
     for (const Text& text : texts) {
@@ -151,18 +145,30 @@ void addEntries(Playlist* playlist, const std::vector<Text>& texts, Resolve reso
 
 }  // namespace
 
-void extractPlaylist(PlaylistWrapper* wrapper, const std::string& mountPoint) {
+void extractPlaylist(PlaylistWrapper* wrapper, const std::string& mountPoint,
+                     FoldedFolders* folders) {
+    std::optional<FoldedFolders> ownFolders;
+    if (!folders)
+        folders = &ownFolders.emplace(mountPoint);
     Playlist* playlist = wrapper->playlist;
+    folders->learnLetterCase(playlist->path);
     const TrackPathResolver resolver(mountPoint, playlist->path);
     const PlaylistText text(playlist->path);
-    auto fromText = [&resolver](const PlaylistText::Entry& entry) {
+    // An entry names the file the device opens for it, spelled as listed; one
+    // that names none keeps the path it was resolved to.
+    auto onDevice = [folders](const std::optional<std::string>& path) {
+        return path ? folders->find(*path) : std::nullopt;
+    };
+    auto fromText = [&resolver, &onDevice](const PlaylistText::Entry& entry) {
         std::optional<std::string> path = resolver.fromText(entry.text);
-        if (entry.asWritten == entry.text || (path && exists(*path)))
-            return path;
+        if (std::optional<std::string> found = onDevice(path))
+            return found;
         // A name that is not UTF-8 on the device is written with its own
         // bytes in a playlist made beside it: the bytes name the file.
-        std::optional<std::string> written = resolver.fromText(entry.asWritten);
-        return written && exists(*written) ? written : path;
+        std::optional<std::string> written = entry.asWritten == entry.text
+                                                 ? std::nullopt
+                                                 : onDevice(resolver.fromText(entry.asWritten));
+        return written ? written : path;
     };
     if (text.isPls()) {
         // A pls file is read by its lines alone: the parser spins forever on a
@@ -180,8 +186,11 @@ void extractPlaylist(PlaylistWrapper* wrapper, const std::string& mountPoint) {
              (parsed.contentType.empty() && hasM3uName(playlist->path)))) {
             addEntries(playlist, text.m3uEntries(), fromText);
         } else {
-            addEntries(playlist, parsed.uris,
-                       [&resolver](const std::string& uri) { return resolver.fromParser(uri); });
+            addEntries(playlist, parsed.uris, [&resolver, &onDevice](const std::string& uri) {
+                std::optional<std::string> path = resolver.fromParser(uri);
+                std::optional<std::string> found = onDevice(path);
+                return found ? found : path;
+            });
         }
     }
 
@@ -200,6 +209,8 @@ boost::shared_ptr<Block<Playlist*>> MSDPlaylistMiner::doOperation(
     boost::shared_ptr<Block<Playlist*>> output(new Block<Playlist*>());
     output->operation = input->operation;
     PlaylistWrapper wrapper;
+    // Each folder that entries name is listed at most once in this pass.
+    FoldedFolders folders(input->operation.mountPoint);
 
     for (FileInfo* file : input->items) {
         if (!file || !file->path)
@@ -214,7 +225,7 @@ boost::shared_ptr<Block<Playlist*>> MSDPlaylistMiner::doOperation(
         output->items.push_back(playlist);
         wrapper.playlist = playlist;
         // The parse has finished when this returns: there is nothing to wait for.
-        extractPlaylist(&wrapper, input->operation.mountPoint);
+        extractPlaylist(&wrapper, input->operation.mountPoint, &folders);
         // What was read while the device went away is not the playlist: left
         // out, it has no row, and is read again at the next indexing.
         if (MountPointCheck::lost(input->operation)) {

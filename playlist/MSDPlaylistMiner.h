@@ -6,6 +6,7 @@
 #include "framework/Block.h"
 #include "framework/Server.h"
 #include "msd/FileInfo.h"
+#include "playlist/FoldedFolders.h"
 #include "playlist/Playlist.h"
 #include "playlist/PlaylistWrapper.h"
 
@@ -27,9 +28,12 @@ public:
 
 // Parses the file at wrapper->playlist->path, found below `mountPoint`, on
 // the calling thread and appends its entries to wrapper->playlist, each named
-// by the path the crawler gives its file (TrackPathResolver); then broadcasts
-// wrapper->cond under wrapper->mutex. Logs the parser's result; parse
-// failures are not thrown. The parser's GLib messages go to the log.
-void extractPlaylist(PlaylistWrapper* wrapper, const std::string& mountPoint);
+// by the path the crawler gives its file (TrackPathResolver), spelled as the
+// device lists it (FoldedFolders: `folders` when given, kept over a pass, else
+// one of its own); then broadcasts wrapper->cond under wrapper->mutex. Logs
+// the parser's result; parse failures are not thrown. The parser's GLib
+// messages go to the log.
+void extractPlaylist(PlaylistWrapper* wrapper, const std::string& mountPoint,
+                     FoldedFolders* folders = nullptr);
 
 }  // namespace kestrow

@@ -39,16 +39,18 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
     Timer timer;
     open(input->operation.deviceId);
 
+    boost::shared_ptr<Block<void>> output(new Block<void>());
+    output->operation = input->operation;
     ostream.exec("BEGIN TRANSACTION;");
     ostream.query(kInsertPlaylist);
     for (const Playlist* playlist : input->items) {
         if (!playlist)
             continue;
+        // One row per entry, no step after the last: it would play the last song twice.
         ostream << playlist;
-        // Runs the statement once more with the bindings it holds: the last
-        // entry again, or for an empty playlist the previous playlist's last.
-        ostream << sqlstl::step<char, std::char_traits<char>>;
         written = true;
+        if (!playlist->entries.empty())
+            output->operation.playlistsWritten.push_back(playlist->id.toString());
     }
     ostream.exec("END TRANSACTION;");
     ostream.finalize();
@@ -57,8 +59,6 @@ boost::shared_ptr<Block<void>> PlaylistSaver::doOperation(
     ostream.close();
     istream.close();
 
-    boost::shared_ptr<Block<void>> output(new Block<void>());
-    output->operation = input->operation;
     if (storageFailed())
         output->operation.writeFailed = true;
     return output;

@@ -117,8 +117,9 @@ TEST_F(HostileTreeTest, IndexingEndsWithEverySongAndReadsNothingOutside) {
          QString("../under_score.mp3\n../100%.mp3\n").repeated(50000).toStdString());
     file("lists/wide.m3u", std::string(1 << 20, 'w') + "\n../100%.mp3\n");
     file("lists/bad\xff.m3u", "../bad\xff\xfe.mp3\n../dir\xc3(/s.mp3\n");
-    file("lists/escape.m3u", "../../etc/passwd\n../../../etc/passwd\n../links/out.mp3\nfile://" +
-                                 outside + "/passwd\n");
+    file("lists/escape.m3u",
+         "../../etc/passwd\n../../../etc/passwd\n../links/out.mp3\n../LINKS/OUT/passwd\nfile://" +
+             outside + "/passwd\n");
     file("lists/escape.pls", "[playlist]\nFile1=../../etc/passwd\nFile2=file://" + outside +
                                  "/passwd\nNumberOfEntries=2\n");
     // Each entity holds ten of the one before: &i; is 10^8 of them.
@@ -149,10 +150,10 @@ TEST_F(HostileTreeTest, IndexingEndsWithEverySongAndReadsNothingOutside) {
     auto songs = [&] { return dbColumn("dev", "SELECT PATH FROM SONGS ORDER BY PATH"); };
     EXPECT_EQ(Strings(expected.begin(), expected.end()), songs());
     EXPECT_EQ("PROGRESS", DatabaseMgr::instance().getStatus("dev", usb()));  // the closed folder
-    // The long playlist names a song with each of its lines; the saver stores
-    // each playlist's last entry twice. Entries naming no song stay while the
-    // status is PROGRESS, but none of them lies outside the mount point.
-    EXPECT_EQ(Strings({"bad\xff.m3u|3", "l.m3u|2", "long.m3u|100001", "wide.m3u|2"}),
+    // The long playlist names a song with each of its lines. Entries naming no
+    // song stay while the status is PROGRESS, but none of them lies outside
+    // the mount point.
+    EXPECT_EQ(Strings({"bad\xff.m3u|2", "l.m3u|1", "long.m3u|100000", "wide.m3u|1"}),
               dbColumn("dev",
                        "SELECT PLAYNAME || '|' || COUNT(*) FROM PLAYLISTS "
                        "WHERE TRACKPATH IN (SELECT PATH FROM SONGS) GROUP BY PLAYNAME ORDER BY 1"));
