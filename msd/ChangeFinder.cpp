@@ -21,21 +21,30 @@ boost::shared_ptr<Block<FileInfo*>> ChangeFinder::doOperation(
     ZQLOG_INFO("ChangeFinder for: %u (op: %d)", unsigned(in->items.size()), op.id);
     boost::shared_ptr<Block<FileInfo*>> out(new Block<FileInfo*>());
     out->operation = op;
+    if (op.id != comparedOperation) {
+        comparison.reset(new GenericChangeFinder(name, ostream, istream, op));
+        comparedOperation = op.id;
+        modifiedSignalled = writeFailed = false;
+    }
     if (op.deviceGone) {
         // What was found is incomplete: comparing would delete the rest.
         ZQLOG_WARN("device gone, nothing compared (op: %d)", op.id);
-        return out;
+    } else {
+        open(op.deviceId);
+        comparison->findDifference(selectText, deleteText, in.get(), out.get(), !completeSelect);
+        istream.close();
+        ostream.close();
+        // Told on the last block, which alone reaches the pipeline's end.
+        writeFailed = writeFailed || storageFailed();
+    }
+    out->operation.writeFailed = out->operation.writeFailed || (op.lastBlock && writeFailed);
+    if (op.lastBlock) {
+        comparison.reset();
+        comparedOperation = -1;
     }
 
-    open(op.deviceId);
-    GenericChangeFinder finder(name, ostream, istream, op);
-    finder.findDifference(selectText, deleteText, in.get(), out.get(), !completeSelect);
-    istream.close();
-    ostream.close();
-    if (storageFailed())
-        out->operation.writeFailed = true;
-
-    if (!out->items.empty()) {
+    if (!out->items.empty() && !modifiedSignalled) {
+        modifiedSignalled = true;
         DatabaseMgr::instance().insertStatus(op.deviceId, op.mountPoint, "PROGRESS");
         if (state == Runnable::kRunning) {
             emit KestrowQTProxy::instance().contentModified(

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <memory>
 #include <string>
 
 #include "framework/Block.h"
 #include "framework/ServerDB.h"
 #include "msd/FileInfo.h"
+#include "msd/GenericChangeFinder.h"
 
 namespace kestrow {
 
@@ -17,10 +19,13 @@ namespace kestrow {
 // otherwise the operation's mount point is bound to its parameter ?1 (see
 // MountPointScope for the condition that selects a mount point's rows).
 //
+// An operation's files may come in several blocks, as the walk finds them:
+// each block's new and changed files go on at once, the rows of vanished
+// files are deleted at the block marked lastBlock (see GenericChangeFinder).
 // Passed-on records move from the input block to the output block. Runs on
 // the stage's own thread; the connections are opened and closed for each
-// operation. A block whose device is gone is passed on empty, without
-// touching the database. Throws std::runtime_error("cannot open db").
+// block. A block whose device is gone is passed on empty, without touching
+// the database. Throws std::runtime_error("cannot open db").
 class ChangeFinder : public ServerDB<Block<FileInfo*>, Block<FileInfo*>> {
 public:
     ChangeFinder(const char* name, const std::string& selectText, const std::string& deleteText,
@@ -33,6 +38,11 @@ private:
     const std::string selectText;
     const std::string deleteText;
     bool completeSelect;
+    // State below belongs to the operation being compared; stage's thread only.
+    std::unique_ptr<GenericChangeFinder> comparison;
+    int comparedOperation = -1;
+    bool modifiedSignalled = false;  // contentModified (and PROGRESS) once per operation
+    bool writeFailed = false;        // a block's rows could not be deleted
 };
 
 }  // namespace kestrow

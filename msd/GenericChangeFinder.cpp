@@ -26,14 +26,8 @@ bool objectBefore(const DbObject& a, const DbObject& b) {
     return c < 0 || (c == 0 && a.lastModified < b.lastModified);
 }
 
-// -1, 0 or 1 as the file sorts before, with or after the object.
-int compare(const FileInfo* file, const DbObject& object) {
-    int c = file->path->compare(object.path);
-    if (c != 0)
-        return c < 0 ? -1 : 1;
-    if (file->lastModified != object.lastModified)
-        return file->lastModified < object.lastModified ? -1 : 1;
-    return 0;
+bool samePathBefore(const DbObject& a, const DbObject& b) {
+    return a.path < b.path;
 }
 
 }  // namespace
@@ -93,42 +87,64 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
                                         bool bindMountPoint) {
     Timer timer;
 
-    std::vector<DbObject> objects = readStored(select, bindMountPoint);
+    // Read once per operation: the files of a walk come in several blocks.
+    if (!storedRead) {
+        stored = readStored(select, bindMountPoint);
+        matched.assign(stored.size(), 0);
+        storedRead = true;
+    }
     std::vector<FileInfo*>& files = in->items;
     files.erase(std::remove(files.begin(), files.end(), nullptr), files.end());
     std::sort(files.begin(), files.end(), fileBefore);
     ZQLOG_INFO("%s: Data Inside db Count: %u, Data Inside device count %d (op:%d)", name,
-               unsigned(objects.size()), int(files.size()), operation.id);
+               unsigned(stored.size()), int(files.size()), operation.id);
 
-    // One merge gives both differences: files without a row are added, rows
-    // without a file are deleted.
+    // A file is added unless a row of its path and time is stored; a file
+    // that is added replaces the other rows of its path at once, so that a
+    // changed song is never listed twice while the walk goes on.
+    std::vector<const DbObject*> toDelete;
+    int added = 0;
+    for (FileInfo*& file : files) {
+        const DbObject key(0, file->lastModified, *file->path);
+        const auto first = std::lower_bound(stored.begin(), stored.end(), key, samePathBefore);
+        auto last = first;
+        while (last != stored.end() && last->path == key.path)
+            ++last;
+        const auto same = std::find_if(first, last, [&](const DbObject& o) {
+            return o.lastModified == key.lastModified && !matched[size_t(&o - stored.data())];
+        });
+        if (same != last) {
+            matched[size_t(same - stored.begin())] = 1;
+            continue;
+        }
+        for (auto o = first; o != last; ++o)
+            if (!matched[size_t(o - stored.begin())]) {
+                matched[size_t(o - stored.begin())] = 1;
+                toDelete.push_back(&*o);
+            }
+        out->items.push_back(file);
+        file = nullptr;
+        ++added;
+    }
+
     // Rows in or below a folder the crawler could not read are kept: their
     // files are out of reach, not gone.
-    auto unreachable = [this](const DbObject& object) {
-        for (const std::string& folder : operation.unreadable)
+    auto unreachable = [in](const DbObject& object) {
+        for (const std::string& folder : in->operation.unreadable)
             if (MountPointScope::contains(folder, object.path))
                 return true;
         return false;
     };
-    std::vector<const DbObject*> toDelete;
-    size_t f = 0, o = 0, kept = 0;
-    int added = 0;
-    while (f < files.size() || o < objects.size()) {
-        int c = f == files.size() ? 1 : o == objects.size() ? -1 : compare(files[f], objects[o]);
-        if (c < 0) {
-            out->items.push_back(files[f]);
-            files[f] = nullptr;
-            ++added;
-            ++f;
-        } else if (c > 0) {
-            if (unreachable(objects[o]))
+    size_t kept = 0;
+    // Rows of vanished files go only once the whole walk has been compared.
+    if (in->operation.lastBlock) {
+        for (size_t o = 0; o < stored.size(); ++o) {
+            if (matched[o])
+                continue;
+            if (unreachable(stored[o]))
                 ++kept;
             else
-                toDelete.push_back(&objects[o]);
-            ++o;
-        } else {
-            ++f;
-            ++o;
+                toDelete.push_back(&stored[o]);
         }
     }
     ZQLOG_INFO("%s: db Objects To be Deleted count: %u (op:%d)", name, unsigned(toDelete.size()),

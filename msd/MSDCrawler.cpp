@@ -7,6 +7,7 @@
 
 #include <QString>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -139,6 +140,8 @@ struct MSDCrawler::Walk {
     std::set<DirectoryKey> walked;  // no folder is walked twice
     std::vector<std::string> unreadable;
     uint16_t tracks = 0;
+    size_t blockSongs = kFirstBlockSongs;                // when the next songs block is due
+    std::chrono::steady_clock::time_point firstWaiting;  // of the songs not sent yet
 };
 
 boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
@@ -167,6 +170,7 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
             walk.markGone();
         if (end != FolderEnd::READ)
             break;
+        sendSongs(walk);
     }
     if (walk.tracks == kTrackLimit)
         ZQLOG_WARN("%d track reached", int(walk.tracks));
@@ -180,8 +184,29 @@ boost::shared_ptr<Block<FileInfo*>> MSDCrawler::doOperation(
         directorySink->enqueue(in);
 
     ZQLOG_INFO("MSDCrawler timer: %ld (op: %d) found %u", timer.stop(), in->operation.id,
-               unsigned(walk.songs->items.size()));
+               unsigned(walk.tracks));
     return walk.songs;
+}
+
+void MSDCrawler::sendSongs(Walk& walk) {
+    std::vector<FileInfo*>& found = walk.songs->items;
+    if (!next || found.empty())
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    if (walk.firstWaiting == std::chrono::steady_clock::time_point())
+        walk.firstWaiting = now;
+    if (found.size() < walk.blockSongs &&
+        now - walk.firstWaiting < std::chrono::milliseconds(kBlockMs))
+        return;
+    // Songs go on as the walk finds them, not in one block after it: their
+    // tags are read, and the first of them saved, while the walk goes on.
+    boost::shared_ptr<Block<FileInfo*>> block(new Block<FileInfo*>());
+    block->operation = walk.songs->operation;
+    block->operation.lastBlock = false;
+    block->items.swap(found);
+    walk.blockSongs = std::min(kMostBlockSongs, walk.blockSongs * 2);
+    walk.firstWaiting = std::chrono::steady_clock::time_point();
+    next->enqueue(block);
 }
 
 MSDCrawler::FolderEnd MSDCrawler::readFolder(Walk& walk, size_t index) {

@@ -236,8 +236,10 @@ TEST_F(EndToEndTest, PrioritisingAnotherDeviceHoldsTheIndexingInHand) {
         cap.clear();
         calls = 0;
         where = [this, at, &held](const std::string&) {
-            if (++calls == at)
+            if (++calls == at) {
+                cap.clear();  // what `settled` looks for comes after the hold
                 held.wait();
+            }
         };
         proxy.startIndexing("dev", mp, true);
         where = nullptr;
@@ -266,11 +268,12 @@ TEST_F(EndToEndTest, PrioritisingAnotherDeviceHoldsTheIndexingInHand) {
     });
     EXPECT_EQ("", dumpDifference(clean, indexDump(kDev)));
 
-    // Every song changed, so all are read again: inside the miner's pass over
-    // the second of four batches of 500, which it finishes while paused.
+    // Every song changed, so all are read again: inside one of the miner's
+    // passes, which it finishes while paused.
     for (const std::string& song : songs)
         setMtime(song, 1000000000);
-    holdForOther(onFile, 600, latches[2], latches[3], [&] { return calls >= 1000; });
+    holdForOther(onFile, 600, latches[2], latches[3],
+                 [&] { return cap.contains("MSDMiner timer"); });
     const Strings held = indexDump(kDev);
     TempDir cleanDb;
     DatabaseMgr::instance().setDatabaseDirectory(cleanDb.path());

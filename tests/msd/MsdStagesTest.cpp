@@ -48,6 +48,7 @@ struct Walker {
     MSDCrawler crawler{"MSDCrawler"};
     Collector<Block<FileInfo*>> playlists;
     Collector<Block<Directory*>> directories;
+    Collector<Block<FileInfo*>> sent;  // songs blocks, when it is the crawler's next
     FileBlock songs;
 };
 
@@ -132,7 +133,27 @@ TEST_F(MsdStagesTest, CrawlerSortsNamesSkipsLinksOutAndWalksBreadthFirst) {
             << f->lastModified;
 }
 
-TEST_F(MsdStagesTest, CrawlerStopsAtSixteenThousandSongs) {
+// Songs go on as the walk finds them: the first block after at most 32, in
+// the walk's order, only the returned one marked. The walk stops at 16000.
+TEST_F(MsdStagesTest, CrawlerSendsSongsAsItWalksAndStopsAtSixteenThousand) {
+    for (int i = 0; i < 100; ++i)
+        t.write("usb/d" + std::to_string(i) + "/s.mp3", "");
+    Walker whole, w;
+    w.crawler.next = &w.sent;
+    Strings walked, sent;
+    for (const FileInfo* f : whole.walk(usb).songs->items)
+        walked.push_back(*f->path);
+    w.walk(usb);
+    ASSERT_LE(2u, w.sent.blocks.size());
+    EXPECT_GE(32u, w.sent.blocks[0]->items.size());
+    w.sent.blocks.push_back(w.songs);
+    for (const FileBlock& b : w.sent.blocks) {
+        EXPECT_EQ(b == w.songs, b->operation.lastBlock);
+        for (const FileInfo* f : b->items)
+            sent.push_back(*f->path);
+    }
+    EXPECT_EQ(walked, sent);
+
     for (int i = 0; i <= 16000; ++i)
         t.write("usb/t" + std::to_string(i) + ".mp3", "");
     EXPECT_EQ(16000u, Walker().walk(usb).songs->items.size());
@@ -178,22 +199,39 @@ TEST_F(MsdStagesTest, APausedWalkWaitsAndAStopEndsIt) {
               std::make_tuple(found.load(), opened.load(), finished.count()));
 }
 
-TEST_F(MsdStagesTest, NormalizerSendsChunksOfFiveHundredWithOnlyTheFinalOneMarked) {
-    FileBlock big = files("/media/usb1", Strings(1200, "/media/usb1/s.mp3"));
-    const std::vector<FileInfo*> originals = big->items;
+// An operation's chunks start at 32 records and double up to 500, over all
+// its blocks; only the final chunk of its last block is marked.
+TEST_F(MsdStagesTest, NormalizerSendsSmallChunksFirstWithOnlyTheFinalOneMarked) {
     Normalizer normalizer("Normalizer");
     Collector<Block<FileInfo*>> miner;
     normalizer.next = &miner;
-    // The returned chunk is passed on by the stage's loop, after the others.
-    miner.blocks.push_back(normalizer.doOperation(big));
-    std::string chunks;  // each chunk's size, "!" on the marked one
-    std::vector<FileInfo*> moved;
-    for (const FileBlock& b : miner.blocks) {
-        chunks += std::to_string(b->items.size()) + (b->operation.lastBlock ? "! " : " ");
-        moved.insert(moved.end(), b->items.begin(), b->items.end());
+    // Each operation's blocks as "size" or "size!" (marked), and its chunks.
+    const std::vector<std::pair<Strings, std::string>> table = {
+        {{"1200!"}, "32 64 128 256 500 220! "},
+        {{"40", "0", "10", "300!"}, "32 8 10 256 44! "},
+        {{"0!"}, "0! "},
+        {{"5", "0!"}, "5 0! "}};
+    int id = 0;
+    for (const auto& [blocks, want] : table) {
+        miner.blocks.clear();
+        std::vector<FileInfo*> originals, moved;
+        for (const std::string& b : blocks) {
+            FileBlock in = makeBlock<FileInfo>(testOperation("/u", b.back() == '!', id));
+            for (int i = std::stoi(b); i > 0; --i)
+                in->items.push_back(new FileInfo("/u/s.mp3", 0, 1));
+            originals.insert(originals.end(), in->items.begin(), in->items.end());
+            // The returned chunk is passed on by the stage's loop, after the others.
+            if (FileBlock last = normalizer.doOperation(in))
+                miner.blocks.push_back(last);
+        }
+        std::string chunks;  // each chunk's size, "!" on the marked one
+        for (const FileBlock& b : miner.blocks) {
+            chunks += std::to_string(b->items.size()) + (b->operation.lastBlock ? "! " : " ");
+            moved.insert(moved.end(), b->items.begin(), b->items.end());
+        }
+        EXPECT_EQ(want, chunks) << id++;
+        EXPECT_EQ(originals, moved);  // the same records, in order
     }
-    EXPECT_EQ("500 500 200! ", chunks);
-    EXPECT_EQ(originals, moved);  // the same records, in order
 }
 
 // New and touched files go on; rows that match no file are deleted. Siblings
@@ -209,8 +247,9 @@ TEST_F(MsdStagesTest, ChangeFinderPassesOnNewAndChangedFilesAndDeletesStaleRows)
     QSignalSpy spy{&KestrowQTProxy::instance(), &KestrowQTProxy::contentModified};
     // The files ("name@time") below mp that go on, then usb1's status and the
     // number of contentModified signals.
-    auto find = [&](const std::string& mp, const Strings& names, bool gone = false) {
-        FileBlock in = makeBlock<FileInfo>(testOperation(mp));
+    auto find = [&](const std::string& mp, const Strings& names, bool gone = false,
+                    bool last = true) {
+        FileBlock in = makeBlock<FileInfo>(testOperation(mp, last));
         in->operation.deviceGone = gone;
         for (const std::string& n : names)
             in->items.push_back(new FileInfo(mp + "/" + n.substr(0, n.find('@')), 0,
@@ -228,9 +267,14 @@ TEST_F(MsdStagesTest, ChangeFinderPassesOnNewAndChangedFilesAndDeletesStaleRows)
         rows("INSERT INTO SONGS (PATH, LASTMODIFIED) VALUES ('/media/" + std::string(path) +
              ".mp3', 100)");
     mgr.insertStatus("dev1", "/media/usb1", "OK");
-    // Touched b and renamed old: deleted and passed on; removed c: deleted only.
+    // One walk in two blocks. Touched b: its row deleted at once and passed
+    // on; renamed old: passed on; removed c and old: deleted after the last
+    // block only. One signal for the walk.
     EXPECT_EQ("b.mp3@200 new.mp3@100 PROGRESS 2",
-              find("/media/usb1", {"new.mp3@100", "b.mp3@200", "a.mp3@100"}));
+              find("/media/usb1", {"new.mp3@100", "b.mp3@200"}, false, false));
+    EXPECT_EQ(Strings({"/media/usb1/a.mp3", "/media/usb1/c.mp3", "/media/usb1/old.mp3"}),
+              rows("SELECT PATH FROM SONGS WHERE PATH LIKE '/media/usb1/%' ORDER BY PATH"));
+    EXPECT_EQ("PROGRESS 2", find("/media/usb1", {"a.mp3@100"}));
     const Strings others = {"/media/usb1 (2)/r.mp3", "/media/usb1-2/q.mp3", "/media/usb1/a.mp3",
                             "/media/usb10/p.mp3", "/media/usb2/z.mp3"};
     EXPECT_EQ(others, rows("SELECT PATH FROM SONGS ORDER BY PATH"));
