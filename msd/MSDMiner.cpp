@@ -5,9 +5,12 @@
 #include <taglib/tdebuglistener.h>
 #include <taglib/tfile.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <exception>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "db/Timer.h"
@@ -47,10 +50,33 @@ void silenceTagLib() {
     static TagLibToLog listener;
 }
 
+unsigned coreCount() {
+    const unsigned cores = std::thread::hardware_concurrency();
+    return cores ? cores : 1;
+}
+
 }  // namespace
 
-MSDMiner::MSDMiner(const char* name_)
-    : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_), goneOperation(-1) {
+// One block's reading, shared by its readers. `files` and `op` are only read;
+// each reader writes only the slots of the files it took.
+struct MSDMiner::Pass {
+    Pass(const std::vector<FileInfo*>& files_, const Operation& op_)
+        : files(files_), op(op_), records(files_.size()) {}
+
+    const std::vector<FileInfo*>& files;
+    const Operation& op;
+    std::vector<std::unique_ptr<MetaDataInfo>> records;  // one slot per file
+    std::atomic<size_t> next{0};                         // the next file to take
+    std::atomic<bool> stop{false};                       // the readers stop at their next file
+    std::atomic<bool> gone{false};                       // a reader found the device gone
+    std::mutex errorMutex;
+    std::exception_ptr error;  // the first failure of a reader; under errorMutex
+};
+
+MSDMiner::MSDMiner(const char* name_, unsigned workers_)
+    : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_),
+      workers(std::min(workers_ ? workers_ : coreCount(), kMaxWorkers)),
+      goneOperation(-1) {
     // Ready by the time the first songs are read, which need it for any Asian
     // text; the walk and the comparison come first.
     MetaDataInfo::prepareAsianReading();
@@ -66,7 +92,7 @@ void MSDMiner::setFileHook(std::function<void(const std::string&)> hook) {
 }
 
 bool MSDMiner::readTrack(const FileInfo& file, const Operation& op,
-                         std::vector<MetaDataInfo*>& out) {
+                         std::unique_ptr<MetaDataInfo>& record) {
     const std::string& path = *file.path;
     const std::string& mountPoint = op.mountPoint;
     try {
@@ -85,11 +111,10 @@ bool MSDMiner::readTrack(const FileInfo& file, const Operation& op,
             }
             // Its row holds no tags until the file can be read.
             ZQLOG_INFO("insert empty, to be read again: %s", path.c_str());
-            MetaDataInfo* info =
-                new MetaDataInfo(path, mountPoint, std::string(), std::string(), std::string(),
-                                 std::string(), std::string(), 1, 1, file.lastModified);
-            info->lastModified = FileInfo::kUnreadTime;
-            out.push_back(info);
+            record.reset(new MetaDataInfo(path, mountPoint, std::string(), std::string(),
+                                          std::string(), std::string(), std::string(), 1, 1,
+                                          file.lastModified));
+            record->lastModified = FileInfo::kUnreadTime;
             return true;
         }
         if (ref.isNull()) {
@@ -98,26 +123,68 @@ bool MSDMiner::readTrack(const FileInfo& file, const Operation& op,
                 return false;
             }
             ZQLOG_INFO("insert empty: %s", path.c_str());
-            out.push_back(new MetaDataInfo(path, mountPoint, std::string(), std::string(),
-                                           std::string(), std::string(), std::string(), 1, 1,
-                                           file.lastModified));
+            record.reset(new MetaDataInfo(path, mountPoint, std::string(), std::string(),
+                                          std::string(), std::string(), std::string(), 1, 1,
+                                          file.lastModified));
             return true;
         }
         const TagLib::Tag* tag = ref.tag();
         if (!tag)
             return true;
-        MetaDataInfo* info = Encoder::instance().guessAndConvert(
-            path, mountPoint, file.lastModified, tag, ref.file()->properties());
-        if (!info) {
+        record.reset(Encoder::instance().guessAndConvert(path, mountPoint, file.lastModified, tag,
+                                                         ref.file()->properties()));
+        if (!record) {
             ZQLOG_ERROR("invalid encoding");
             return true;
         }
-        info->setAsianFields();
-        out.push_back(info);
+        record->setAsianFields();
     } catch (const std::exception& e) {
+        record.reset();
         ZQLOG_ERROR("exception from taglib for track: %s what %s", path.c_str(), e.what());
     }
     return true;
+}
+
+size_t MSDMiner::takeFile(Pass& pass) {
+    if (!fileHook)
+        return pass.next++;
+    // Taken under the lock too, so that the hook sees the files in order.
+    std::lock_guard<std::mutex> lock(hookMutex);
+    const size_t index = pass.next++;
+    if (index < pass.files.size() && pass.files[index] && pass.files[index]->path && !pass.stop)
+        fileHook(*pass.files[index]->path);
+    return index;
+}
+
+void MSDMiner::readFiles(Pass& pass) {
+    try {
+        while (!pass.stop) {
+            const size_t index = takeFile(pass);
+            if (index >= pass.files.size())
+                return;
+            // The files a window ahead are announced to the kernel, so that
+            // their reads are under way while this one is parsed.
+            const size_t ahead = index + kReadAheadFiles;
+            if (ahead < pass.files.size() && pass.files[ahead] && pass.files[ahead]->path)
+                ReadAhead::hint(*pass.files[ahead]->path);
+            const FileInfo* file = pass.files[index];
+            if (!file || !file->path)
+                continue;
+            if (pass.stop)
+                return;
+            // Checked before each file: a stick unmounted with its folder
+            // kept makes every later file fail to open, not the mount point.
+            if (MountPointCheck::lost(pass.op) || !readTrack(*file, pass.op, pass.records[index])) {
+                pass.gone = true;
+                pass.stop = true;
+            }
+        }
+    } catch (...) {
+        std::lock_guard<std::mutex> lock(pass.errorMutex);
+        if (!pass.error)
+            pass.error = std::current_exception();
+        pass.stop = true;
+    }
 }
 
 boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
@@ -128,6 +195,10 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
 
     boost::shared_ptr<Block<MetaDataInfo*>> out(new Block<MetaDataInfo*>());
     out->operation = in->operation;
+    if (goneOperation == in->operation.id) {
+        markGone(out->operation);
+        return out;
+    }
 
     DatabaseMgr& mgr = DatabaseMgr::instance();
     if (mgr.dbSizeHasReachLimit(mgr.getDbNameFromDevId(in->operation.deviceId))) {
@@ -135,34 +206,36 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
         return out;
     }
 
-    // The files a window ahead are announced to the kernel, so that their
-    // reads are under way while this one is parsed.
-    std::vector<FileInfo*>& files = in->items;
-    auto announce = [&files](size_t index) {
-        if (index < files.size() && files[index] && files[index]->path)
+    const std::vector<FileInfo*>& files = in->items;
+    for (size_t index = 0; index < kReadAheadFiles && index < files.size(); ++index)
+        if (files[index] && files[index]->path)
             ReadAhead::hint(*files[index]->path);
-    };
-    for (size_t index = 0; index < kReadAheadFiles; ++index)
-        announce(index);
-    for (size_t index = 0; index < files.size(); ++index) {
-        announce(index + kReadAheadFiles);
-        FileInfo* file = files[index];
-        if (!file || !file->path)
-            continue;
-        const std::string& path = *file->path;
-        if (fileHook)
-            fileHook(path);
-        // Checked before each file: a stick unmounted with its folder kept
-        // makes every later file fail to open, not the mount point.
-        if (goneOperation == in->operation.id || MountPointCheck::lost(in->operation)) {
-            markGone(out->operation);
-            break;
-        }
-        if (!readTrack(*file, in->operation, out->items)) {
-            markGone(out->operation);
+
+    Pass pass(files, in->operation);
+    const size_t readers = std::min<size_t>(workers, files.size());
+    std::vector<std::thread> helpers;
+    helpers.reserve(readers);
+    for (size_t i = 1; i < readers; ++i) {
+        try {
+            helpers.emplace_back([this, &pass] { readFiles(pass); });
+        } catch (const std::exception& e) {
+            // Fewer readers, as many files.
+            ZQLOG_WARN("reading with %u threads: %s", unsigned(i), e.what());
             break;
         }
     }
+    readFiles(pass);
+    for (std::thread& helper : helpers)
+        helper.join();
+    if (pass.error)
+        std::rethrow_exception(pass.error);
+
+    out->items.reserve(files.size());
+    for (std::unique_ptr<MetaDataInfo>& record : pass.records)
+        if (record)
+            out->items.push_back(record.release());
+    if (pass.gone)
+        markGone(out->operation);
 
     ZQLOG_INFO("MSDMiner timer: %ld (op: %d)", timer.stop(), in->operation.id);
     return out;
