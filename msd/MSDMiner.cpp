@@ -17,7 +17,6 @@
 #include "msd/BoundedFileStream.h"
 #include "msd/Encoder.h"
 #include "msd/MountPointCheck.h"
-#include "msd/ReadAhead.h"
 #include "platform/common/DatabaseMgr.h"
 
 namespace kestrow {
@@ -162,11 +161,6 @@ void MSDMiner::readFiles(Pass& pass) {
             const size_t index = takeFile(pass);
             if (index >= pass.files.size())
                 return;
-            // The files a window ahead are announced to the kernel, so that
-            // their reads are under way while this one is parsed.
-            const size_t ahead = index + kReadAheadFiles;
-            if (ahead < pass.files.size() && pass.files[ahead] && pass.files[ahead]->path)
-                ReadAhead::hint(*pass.files[ahead]->path);
             const FileInfo* file = pass.files[index];
             if (!file || !file->path)
                 continue;
@@ -206,10 +200,9 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
         return out;
     }
 
+    // No read-ahead hints: on a USB stick each costs an open of its own and
+    // brings nothing, as the stream sizes its reads itself.
     const std::vector<FileInfo*>& files = in->items;
-    for (size_t index = 0; index < kReadAheadFiles && index < files.size(); ++index)
-        if (files[index] && files[index]->path)
-            ReadAhead::hint(*files[index]->path);
 
     Pass pass(files, in->operation);
     const size_t readers = std::min<size_t>(workers, files.size());

@@ -33,8 +33,6 @@ namespace kestrow {
 // once per process); standard error is never touched.
 class MSDMiner : public Server<Block<FileInfo*>, Block<MetaDataInfo*>> {
 public:
-    // How many files ahead of the one being read are announced (ReadAhead).
-    static const size_t kReadAheadFiles = 256;
     static constexpr unsigned kMaxWorkers = 4;
 
     // `workers` threads read a block, at most kMaxWorkers; 0 means one per
