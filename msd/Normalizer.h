@@ -19,7 +19,7 @@ namespace kestrow {
 // without being copied. Runs on the stage's own thread.
 class Normalizer : public Server<Block<FileInfo*>, Block<FileInfo*>> {
 public:
-    static constexpr size_t kFirstChunkSize = 32;
+    static constexpr size_t kFirstChunkSize = 8;
     static constexpr size_t kChunkSize = 500;
 
     explicit Normalizer(const char* name);

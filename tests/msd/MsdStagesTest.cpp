@@ -199,7 +199,7 @@ TEST_F(MsdStagesTest, APausedWalkWaitsAndAStopEndsIt) {
               std::make_tuple(found.load(), opened.load(), finished.count()));
 }
 
-// An operation's chunks start at 32 records and double up to 500, over all
+// An operation's chunks start at 8 records and double up to 500, over all
 // its blocks; only the final chunk of its last block is marked.
 TEST_F(MsdStagesTest, NormalizerSendsSmallChunksFirstWithOnlyTheFinalOneMarked) {
     Normalizer normalizer("Normalizer");
@@ -207,8 +207,8 @@ TEST_F(MsdStagesTest, NormalizerSendsSmallChunksFirstWithOnlyTheFinalOneMarked) 
     normalizer.next = &miner;
     // Each operation's blocks as "size" or "size!" (marked), and its chunks.
     const std::vector<std::pair<Strings, std::string>> table = {
-        {{"1200!"}, "32 64 128 256 500 220! "},
-        {{"40", "0", "10", "300!"}, "32 8 10 256 44! "},
+        {{"1200!"}, "8 16 32 64 128 256 500 196! "},
+        {{"40", "0", "10", "300!"}, "8 16 16 10 128 172! "},
         {{"0!"}, "0! "},
         {{"5", "0!"}, "5 0! "}};
     int id = 0;
