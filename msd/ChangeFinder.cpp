@@ -9,11 +9,13 @@
 namespace kestrow {
 
 ChangeFinder::ChangeFinder(const char* name_, const std::string& selectText_,
-                           const std::string& deleteText_, bool completeSelect_)
+                           const std::string& deleteText_, bool completeSelect_,
+                           const std::string& retimeText_)
     : ServerDB<Block<FileInfo*>, Block<FileInfo*>>(name_),
       selectText(selectText_),
       deleteText(deleteText_),
-      completeSelect(completeSelect_) {}
+      completeSelect(completeSelect_),
+      retimeText(retimeText_) {}
 
 boost::shared_ptr<Block<FileInfo*>> ChangeFinder::doOperation(
     boost::shared_ptr<Block<FileInfo*>> in) {
@@ -22,7 +24,7 @@ boost::shared_ptr<Block<FileInfo*>> ChangeFinder::doOperation(
     boost::shared_ptr<Block<FileInfo*>> out(new Block<FileInfo*>());
     out->operation = op;
     if (op.id != comparedOperation) {
-        comparison.reset(new GenericChangeFinder(name, ostream, istream, op));
+        comparison.reset(new GenericChangeFinder(name, ostream, istream, op, retimeText));
         comparedOperation = op.id;
         modifiedSignalled = writeFailed = false;
     }

@@ -25,11 +25,13 @@ namespace kestrow {
 // Passed-on records move from the input block to the output block. Runs on
 // the stage's own thread; the connections are opened and closed for each
 // block. A block whose device is gone is passed on empty, without touching
-// the database. Throws std::runtime_error("cannot open db").
+// the database. With a retimeText (the time bound to ?1, the ID to ?2), a
+// partition whose clock moved keeps its rows (see GenericChangeFinder).
+// Throws std::runtime_error("cannot open db").
 class ChangeFinder : public ServerDB<Block<FileInfo*>, Block<FileInfo*>> {
 public:
     ChangeFinder(const char* name, const std::string& selectText, const std::string& deleteText,
-                 bool completeSelect);
+                 bool completeSelect, const std::string& retimeText = std::string());
 
     boost::shared_ptr<Block<FileInfo*>> doOperation(
         boost::shared_ptr<Block<FileInfo*>> in) override;
@@ -38,6 +40,7 @@ private:
     const std::string selectText;
     const std::string deleteText;
     bool completeSelect;
+    const std::string retimeText;
     // State below belongs to the operation being compared; stage's thread only.
     std::unique_ptr<GenericChangeFinder> comparison;
     int comparedOperation = -1;

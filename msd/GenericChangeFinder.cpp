@@ -35,8 +35,44 @@ bool samePathBefore(const DbObject& a, const DbObject& b) {
 GenericChangeFinder::GenericChangeFinder(const char* name_,
                                          sqlstl::basic_sqlostream<char>& ostream_,
                                          sqlstl::basic_sqlistream<char>& istream_,
-                                         const Operation& operation_)
-    : name(name_), ostream(ostream_), istream(istream_), operation(operation_) {}
+                                         const Operation& operation_,
+                                         const std::string& retimeText_)
+    : name(name_),
+      ostream(ostream_),
+      istream(istream_),
+      operation(operation_),
+      retimeText(retimeText_) {}
+
+int GenericChangeFinder::shiftClass(long long fileTime, long long rowTime) {
+    const long long kFar = 1LL << 62;  // an unread row's time, or one no clock makes
+    if (fileTime < -kFar || fileTime > kFar || rowTime < -kFar || rowTime > kFar)
+        return -1;
+    // The nearest whole hours, and at most 2 s more or less (FAT's grain);
+    // hours 0 is the class of at most 2 s.
+    const long long delta = fileTime - rowTime;
+    const long long hours = (delta + (delta < 0 ? -1800 : 1800)) / 3600;
+    const long long rest = delta - hours * 3600;
+    if (hours < -kMaxHours || hours > kMaxHours || rest < -2 || rest > 2)
+        return -1;
+    return int(hours) + kMaxHours;
+}
+
+bool GenericChangeFinder::shiftPossible(int c) const {
+    // At most stored.size() files have a row: 90% of them needs this many.
+    return 10LL * shiftCount[size_t(c)] + (long long)stored.size() >= 10LL * withRow;
+}
+
+void GenericChangeFinder::retimeRows(const std::vector<std::pair<long long, int>>& timesAndIds) {
+    ostream.exec("BEGIN TRANSACTION;");
+    ostream.query(retimeText);
+    for (const auto& [time, id] : timesAndIds) {
+        if (!ostream.good())
+            ostream.query(retimeText);
+        ostream << time << id << sqlstl::step;
+    }
+    ostream.exec("END TRANSACTION;");
+    ostream.finalize();
+}
 
 std::vector<DbObject> GenericChangeFinder::readStored(const std::string& select,
                                                       bool bindMountPoint) {
@@ -115,7 +151,24 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
         });
         if (same != last) {
             matched[size_t(same - stored.begin())] = 1;
+            ++withRow, ++shiftCount[kMaxHours];
             continue;
+        }
+        const auto row = std::find_if(
+            first, last, [&](const DbObject& o) { return !matched[size_t(&o - stored.data())]; });
+        if (row != last) {
+            ++withRow;
+            const int shift =
+                retimeText.empty() ? -1 : shiftClass(file->lastModified, row->lastModified);
+            if (shift >= 0)
+                ++shiftCount[size_t(shift)];
+            if (shift >= 0 && shiftPossible(shift)) {
+                matched[size_t(row - stored.begin())] = 1;
+                held.push_back(
+                    {std::unique_ptr<FileInfo>(file), size_t(row - stored.begin()), shift});
+                file = nullptr;
+                continue;
+            }
         }
         for (auto o = first; o != last; ++o)
             if (!matched[size_t(o - stored.begin())]) {
@@ -127,6 +180,36 @@ int GenericChangeFinder::findDifference(const std::string& select, const std::st
         ++added;
     }
 
+    // Held files whose shift can no longer be the partition's, or all that
+    // are left once the walk is whole, are decided: the partition's shift
+    // keeps its files' rows, every other held file is changed.
+    int shift = -1;
+    if (in->operation.lastBlock) {
+        const auto best = std::max_element(shiftCount.begin(), shiftCount.end());
+        if (withRow > 0 && 10LL * *best >= 9LL * withRow)
+            shift = int(best - shiftCount.begin());
+    }
+    std::vector<std::pair<long long, int>> retimed;
+    for (Held& h : held) {
+        if (h.shift == shift) {
+            retimed.emplace_back(h.file->lastModified, stored[h.row].id);
+        } else if (in->operation.lastBlock || !shiftPossible(h.shift)) {
+            toDelete.push_back(&stored[h.row]);
+            out->items.push_back(h.file.release());
+            ++added;
+        }
+    }
+    if (in->operation.lastBlock)
+        held.clear();
+    else
+        held.erase(std::remove_if(held.begin(), held.end(), [](const Held& h) { return !h.file; }),
+                   held.end());
+    std::sort(out->items.begin(), out->items.end(), fileBefore);
+    if (!retimed.empty()) {
+        ZQLOG_DEBUG("%s: clock moved by %d h (0: at most 2 s), %u files unchanged (op:%d)", name,
+                    shift - kMaxHours, unsigned(retimed.size()), operation.id);
+        retimeRows(retimed);
+    }
     // Rows in or below a folder the crawler could not read are kept: their
     // files are out of reach, not gone.
     auto unreachable = [in](const DbObject& object) {

@@ -290,6 +290,84 @@ TEST_F(MsdStagesTest, ChangeFinderPassesOnNewAndChangedFilesAndDeletesStaleRows)
     EXPECT_EQ(others, rows("SELECT PATH FROM SONGS ORDER BY PATH"));
 }
 
+// A stick read under another clock: FAT keeps local time to 2 s, so every
+// file moves by the same whole hours, or by a second or two. Twenty songs
+// stored at t0; each case gives the files' new times in one or two blocks.
+// When 90% of them share a shift, they keep their rows with the new time and
+// nothing is passed on nor signalled; files of another shift, or all of
+// them below 90%, are changed. A shift that can no longer reach 90% does not
+// wait for the last block.
+TEST_F(MsdStagesTest, ChangeFinderKeepsTheRowsOfAStickWhoseClockMoved) {
+    DatabaseMgr::instance().createDb("dev1", usb, true);
+    ChangeFinder finder{"ChangeFinder-MSDSongs",
+                        "SELECT ID,LASTMODIFIED, PATH  FROM SONGS WHERE " +
+                            MountPointScope::sqlCondition("PATH") + ";",
+                        "DELETE FROM SONGS WHERE ID = ?;", false,
+                        "UPDATE SONGS SET LASTMODIFIED = ?1 WHERE ID = ?2;"};
+    finder.start();
+    QSignalSpy spy{&KestrowQTProxy::instance(), &KestrowQTProxy::contentModified};
+    const long long t0 = 1700000000, h = 3600;
+    struct Case {
+        std::vector<long long> shifts;  // of songs 0.., the rest as the last
+        size_t firstBlock;              // songs in a first block, not the last
+        std::string passedOn;           // numbers of the songs passed on per block
+    };
+    const Case cases[] = {
+        {{h}, 0, "|"},
+        {{-2 * h}, 0, "|"},
+        {{1, -2, 0}, 0, "|"},
+        {{14 * h + 2, 14 * h - 1}, 10, "||"},
+        {{0, 0, h}, 0, "|"},
+        {{12345, h}, 10, "0 ||"},
+        {{99, -99, 3 * h}, 0, "0 1 |"},
+        {{2 * h, 2 * h, 2 * h, h}, 0, "0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 |"},
+        {{15 * h}, 0, "0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 |"},
+        {{12345, 12345, 12345, 12345, 12345, 12345, h},
+         10,
+         "0 1 2 3 4 5 6 7 8 9 |10 11 12 13 14 15 16 17 18 19 |"},
+        {{0, h, h, 1}, 10, "1 2 ||"},
+    };
+    for (const Case& c : cases) {
+        rows("DELETE FROM SONGS");
+        std::map<std::string, long long> now;
+        for (size_t i = 0; i < 20; ++i) {
+            const std::string path = usb + "/" + std::to_string(i) + ".mp3";
+            rows("INSERT INTO SONGS (PATH, LASTMODIFIED) VALUES ('" + path + "', " +
+                 std::to_string(t0) + ")");
+            now[path] = t0 + c.shifts[std::min(i, c.shifts.size() - 1)];
+        }
+        std::string passedOn;
+        std::set<std::string> changed;
+        for (auto [from, to] : {std::pair{size_t(0), c.firstBlock}, {c.firstBlock, size_t(20)}}) {
+            if (from == to)
+                continue;
+            FileBlock in = makeBlock<FileInfo>(testOperation(usb, to == 20));
+            for (size_t i = from; i < to; ++i) {
+                const std::string path = usb + "/" + std::to_string(i) + ".mp3";
+                in->items.push_back(new FileInfo(path, 0, now[path]));
+            }
+            in = finder.doOperation(in);
+            std::vector<int> numbers;
+            for (const FileInfo* f : in->items) {
+                numbers.push_back(std::stoi(f->path->substr(usb.size() + 1)));
+                changed.insert(*f->path);
+            }
+            std::sort(numbers.begin(), numbers.end());
+            for (int n : numbers)
+                passedOn += std::to_string(n) + " ";
+            passedOn += "|";
+        }
+        SCOPED_TRACE(c.passedOn);
+        EXPECT_EQ(c.passedOn, passedOn);
+        // A kept row holds its file's new time; a changed file's row is gone.
+        for (const auto& [path, time] : now)
+            EXPECT_EQ(changed.count(path) ? Strings{} : Strings{std::to_string(time)},
+                      rows("SELECT LASTMODIFIED FROM SONGS WHERE PATH = '" + path + "'"));
+        EXPECT_EQ(passedOn.find(' ') == std::string::npos ? 0 : 1, spy.count());
+        spy.clear();
+    }
+}
+
 // title|artist|album|genre|composer|track|disc of each sample. A file read
 // with no usable tag keeps its empty row for good; one not read at all (it
 // vanished) is stored under a time no file has, to be read again. Whatever
