@@ -78,7 +78,41 @@ std::shared_ptr<const Priority> defaultPriority() {
     return list;
 }
 
-// One converter to UTF-8 per code page and thread.
+// A single-byte code page's characters in UTF-8, made once with iconv and
+// shared by every thread: reading a text costs a lookup per byte, and no
+// thread keeps a converter of its own (each holds a 32 KiB buffer).
+// A page whose converter holds a letter back to compose it with the next
+// byte (Vietnamese's WINDOWS-1258) has no such table and keeps converters.
+struct ByteTable {
+    bool composes = false;
+    char utf8[256][4];
+    unsigned char size[256];  // 0: the byte is not a character of the page
+};
+
+const ByteTable* byteTable(int index) {
+    static std::once_flag made[kCount];
+    static ByteTable tables[kCount];
+    std::call_once(made[index], [index] {
+        ByteTable& t = tables[index];
+        GIConv cd = g_iconv_open("UTF-8", kCodePages[index].name);
+        for (int b = 0; b < 256; ++b) {
+            char in = char(b);
+            gchar *from = &in, *to = t.utf8[b];
+            gsize left = 1, room = sizeof t.utf8[b];
+            t.size[b] = 0;
+            if (cd != GIConv(-1) && g_iconv(cd, &from, &left, &to, &room) != gsize(-1) && !left)
+                t.size[b] = (unsigned char)(to - t.utf8[b]);
+            t.composes = t.composes || (!left && !t.size[b]);
+            if (cd != GIConv(-1))
+                g_iconv(cd, nullptr, nullptr, nullptr, nullptr);
+        }
+        if (cd != GIConv(-1))
+            g_iconv_close(cd);
+    });
+    return &tables[index];
+}
+
+// One converter to UTF-8 per multi-byte code page and thread.
 class Converters {
 public:
     Converters() {
@@ -182,6 +216,16 @@ bool decode(const std::string& bytes, int index, std::string& out, int* cut) {
         if (cut)
             *cut = 1;
         return true;
+    }
+    const ByteTable* table = page.kind == Kind::Single ? byteTable(index) : nullptr;
+    if (table && !table->composes) {
+        out.clear();
+        for (unsigned char b : bytes) {
+            if (!table->size[b])
+                return false;
+            out.append(table->utf8[b], table->size[b]);
+        }
+        return out.find('\0') == std::string::npos;
     }
     thread_local Converters converters;
     GIConv cd = converters.get(index);
