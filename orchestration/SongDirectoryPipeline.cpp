@@ -26,6 +26,14 @@ void SongDirectoryPipeline::enqueueNewOperation(KestrowOperation& operation,
     ZQLOG_INFO("enqueueNewOperation mp: %s", operation.mountPoint.c_str());
     DatabaseMgr& mgr = DatabaseMgr::instance();
     mgr.createDb(operation.deviceId, operation.mountPoint, isFirstPartition);
+    // A re-plugged stick's rows move here before the walk rather than being read again.
+    try {
+        if (type == MSD_OPERATION)
+            mgr.adoptMovedPartition(operation.deviceId, operation.mountPoint);
+    } catch (const std::exception& e) {
+        ZQLOG_ERROR("rows of %s not moved to %s: %s", operation.deviceId.c_str(),
+                    operation.mountPoint.c_str(), e.what());
+    }
     if (mgr.getStatus(operation.deviceId, operation.mountPoint) == "OK") {
         emit KestrowQTProxy::instance().databaseExists(
             QString::fromUtf8(operation.deviceId.c_str()),

@@ -341,6 +341,117 @@ std::string danglingDelete(const char* table, const char* column) {
            MountPointScope::sqlCondition(t + "." + c, "P.BASE") + ");";
 }
 
+std::string textOf(sqlite3_value* v) {
+    const void* bytes = sqlite3_value_blob(v);
+    return bytes ? std::string(static_cast<const char*>(bytes), size_t(sqlite3_value_bytes(v)))
+                 : std::string();
+}
+
+void resultText(sqlite3_context* ctx, const std::string& text) {
+    sqlite3_result_text(ctx, text.data(), int(text.size()), SQLITE_TRANSIENT);
+}
+
+// SQL functions of a partition's move, NULL for NULL. olvane_id(kind, text):
+// the Md5 of `text` for kind `kind`.
+void sqlId(sqlite3_context* ctx, int, sqlite3_value** argv) {
+    if (sqlite3_value_type(argv[1]) == SQLITE_NULL)
+        return sqlite3_result_null(ctx);
+    resultText(ctx, Md5(Md5::Kind(sqlite3_value_int(argv[0])), textOf(argv[1])).toString());
+}
+
+// olvane_dir(path): the folder of a path as the crawler names it: "/" for
+// "/a", "" for a path without '/'.
+void sqlDir(sqlite3_context* ctx, int, sqlite3_value** argv) {
+    if (sqlite3_value_type(argv[0]) == SQLITE_NULL)
+        return sqlite3_result_null(ctx);
+    const std::string path = textOf(argv[0]);
+    const size_t slash = path.rfind('/');
+    resultText(ctx, slash == std::string::npos ? std::string() : path.substr(0, slash ? slash : 1));
+}
+
+// olvane_name(path): the last component of a path, as a folder's NAME.
+void sqlName(sqlite3_context* ctx, int, sqlite3_value** argv) {
+    if (sqlite3_value_type(argv[0]) == SQLITE_NULL)
+        return sqlite3_result_null(ctx);
+    const std::string path = textOf(argv[0]);
+    resultText(ctx, path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1));
+}
+
+// olvane_rebase(path, from, to): a path at or below mount point `from` moved
+// below mount point `to`; any other path as it is.
+void sqlRebase(sqlite3_context* ctx, int, sqlite3_value** argv) {
+    const std::string path = textOf(argv[0]), from = textOf(argv[1]);
+    if (sqlite3_value_type(argv[0]) == SQLITE_NULL || !MountPointScope::contains(from, path))
+        return sqlite3_result_value(ctx, argv[0]);
+    resultText(ctx, textOf(argv[2]) + path.substr(from.size()));
+}
+
+using Sample = std::vector<std::pair<std::string, long long>>;
+
+// Up to 64 songs (path, stored time) at or below `mountPoint`, spread over
+// them in path order: of N, the rows R (from 0) where R * 64 % N < 64, which
+// are all when N <= 64, else the first at or after each i * N / 64.
+bool readSample(sqlite3* db, const std::string& mountPoint, Sample& sample) {
+    static const std::string sql = "SELECT PATH, LASTMODIFIED FROM SONGS WHERE " +
+                                   MountPointScope::sqlCondition("PATH") + " ORDER BY PATH;";
+    Sample songs;
+    int rc = SQLITE_OK;
+    olvane::SqliteStatement stmt = olvane::prepareSqlite(db, sql, rc);
+    if (rc == SQLITE_OK) {
+        sqlite3_bind_text(stmt.get(), 1, mountPoint.data(), int(mountPoint.size()),
+                          SQLITE_TRANSIENT);
+        while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
+            songs.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0)),
+                               sqlite3_column_int64(stmt.get(), 1));
+    }
+    if (rc != SQLITE_DONE)
+        ZQLOG_ERROR("songs of %s not sampled: %s", mountPoint.c_str(), describe(db).c_str());
+    for (size_t r = 0; r < songs.size(); ++r)
+        if (r * 64 % songs.size() < 64)
+            sample.push_back(std::move(songs[r]));
+    return rc == SQLITE_DONE;
+}
+
+// Whether each sampled song of the partition at `from` is a regular file
+// below `to` modified at its stored time, to 2 s as FAT keeps times. An
+// empty sample never matches.
+bool sampleMatches(const Sample& sample, const std::string& from, const std::string& to) {
+    for (const auto& [path, stored] : sample) {
+        struct stat st;
+        const std::string moved = to + path.substr(from.size());
+        if (::stat(moved.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+            stored < (long long)st.st_mtime - 2 || stored > (long long)st.st_mtime + 2)
+            return false;
+    }
+    return !sample.empty();
+}
+
+// The updates that move a partition's rows from mount point ?1 to ?2, whose
+// PARTITION_ID is ?3: their paths, and what an indexing makes of a path: the
+// ids (Md5.h) and a folder's NAME, which is the mount point's own for its
+// row. A folder's PARENT_ID is its parent's OBJECTID; the mount point's row
+// keeps its empty one.
+const std::vector<std::string>& moveStatements() {
+    static const std::vector<std::string> statements = [] {
+        const std::string at = MountPointScope::sqlCondition("PATH"),
+                          path = "olvane_rebase(PATH, ?1, ?2)",
+                          list = "olvane_rebase(PLAYPATH, ?1, ?2)",
+                          track = "olvane_rebase(TRACKPATH, ?1, ?2)";
+        return std::vector<std::string>{
+            "UPDATE SONGS SET PATH = " + path + ", PARTITION_ID = ?3, OBJECTID = olvane_id(0, " +
+                path + "), DIRECTORYID = olvane_id(1, olvane_dir(" + path + ")) WHERE " + at + ";",
+            "UPDATE DIRECTORIES SET PATH = " + path + ", NAME = olvane_name(" + path +
+                "), PARTITION_ID = ?3, OBJECTID = olvane_id(1, " + path +
+                "), PARENT_ID = CASE PATH WHEN ?1 THEN PARENT_ID " +
+                "ELSE olvane_id(1, olvane_dir(" + path + ")) END WHERE " + at + ";",
+            "UPDATE PLAYLISTS SET PLAYPATH = " + list + ", PARTITION_ID = ?3, PLAYID = " +
+                "olvane_id(6, " + list + "), TRACKPATH = " + track + ", TRACKID = CASE WHEN " +
+                MountPointScope::sqlCondition("TRACKPATH") + " THEN olvane_id(0, " + track +
+                ") ELSE TRACKID END WHERE " + MountPointScope::sqlCondition("PLAYPATH") + ";"};
+    }();
+    return statements;
+}
+
 // The database's "indexed at" time: its newest status time, else the file's
 // modification time.
 long long indexedAt(const std::string& name) {
@@ -534,6 +645,73 @@ void DatabaseMgr::removeDanglingPartitions(const std::string& devId,
         ZQLOG_ERROR("dangling partitions of %s kept", devId.c_str());
         sqlite3_exec(c.get(), "ROLLBACK;", nullptr, nullptr, nullptr);
     }
+}
+
+bool DatabaseMgr::adoptMovedPartition(const std::string& devId, const std::string& mountPoint) {
+    const std::string name = getDbNameFromDevId(devId);
+    if (!fileExists(name))
+        return false;
+    Connection c(name, false, kBusyTimeoutMs);
+    bool ok = c.ok();
+    const struct {
+        const char* name;
+        int args;
+        void (*function)(sqlite3_context*, int, sqlite3_value**);
+    } functions[] = {{"olvane_id", 2, sqlId},
+                     {"olvane_dir", 1, sqlDir},
+                     {"olvane_name", 1, sqlName},
+                     {"olvane_rebase", 3, sqlRebase}};
+    for (const auto& f : functions)
+        ok = ok &&
+             sqlite3_create_function(c.get(), f.name, f.args, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                                     nullptr, f.function, nullptr, nullptr) == SQLITE_OK;
+    ok = ok && c.exec("BEGIN IMMEDIATE;");
+    std::vector<std::string> taken, candidates;
+    ok = ok && c.run(("SELECT 1 WHERE EXISTS (SELECT 1 FROM SONGS WHERE " +
+                      MountPointScope::sqlCondition("PATH") +
+                      ") OR EXISTS (SELECT 1 FROM DIRECTORIES WHERE " +
+                      MountPointScope::sqlCondition("PATH") +
+                      ") OR EXISTS (SELECT 1 FROM PLAYLISTS WHERE " +
+                      MountPointScope::sqlCondition("PLAYPATH") + ");")
+                         .c_str(),
+                     {baseOf(mountPoint)}, &taken);
+    if (ok && taken.empty())
+        ok = c.run(
+            "SELECT MOUNTPOINT FROM OLVANE_PARTITIONS WHERE SEEN = 0 AND MOUNTPOINT <> ? "
+            "ORDER BY MOUNTPOINT;",
+            {mountPoint}, &candidates);
+    std::string from;
+    for (size_t i = 0; ok && from.empty() && i < candidates.size(); ++i) {
+        const std::string& mp = candidates[i];
+        Sample sample;
+        ok = readSample(c.get(), mp, sample);
+        if (!ok || sampleMatches(sample, mp, mp))
+            continue;  // still at its own mount point
+        if (sampleMatches(sample, mp, mountPoint))
+            from = mp;
+        else
+            ZQLOG_INFO("partition %s of %s not moved to %s: its sampled songs are not there",
+                       mp.c_str(), devId.c_str(), mountPoint.c_str());
+    }
+    const std::string pid = Md5(Md5::DIRECTORY, mountPoint).toString();
+    for (size_t i = 0; ok && !from.empty() && i < moveStatements().size(); ++i)
+        ok = c.run(moveStatements()[i].c_str(), {from, mountPoint, pid});
+    if (ok && !from.empty())
+        ok = c.run("DELETE FROM OLVANE_STATUS WHERE MOUNTPOINT = ?;", {mountPoint}) &&
+             c.run("UPDATE OLVANE_STATUS SET MOUNTPOINT = ?2 WHERE MOUNTPOINT = ?1;",
+                   {from, mountPoint}) &&
+             c.run("DELETE FROM OLVANE_PARTITIONS WHERE MOUNTPOINT = ?;", {from}) &&
+             c.exec("COMMIT;");
+    if (!ok || from.empty()) {
+        if (c.ok())
+            sqlite3_exec(c.get(), "ROLLBACK;", nullptr, nullptr, nullptr);
+        if (!ok)
+            ZQLOG_ERROR("partition %s of %s not moved to %s: database error, nothing moved",
+                        from.empty() ? "?" : from.c_str(), devId.c_str(), mountPoint.c_str());
+        return false;
+    }
+    ZQLOG_DEBUG("partition %s of %s moved to %s", from.c_str(), devId.c_str(), mountPoint.c_str());
+    return true;
 }
 
 bool DatabaseMgr::insertStatus(const std::string& devId, const std::string& mountPoint,

@@ -60,6 +60,20 @@ public:
     // by lying at or below the partition's mount point, never when they lie
     // below a partition seen in the current attach. `mountPoint` is kept.
     void removeDanglingPartitions(const std::string& devId, const std::string& mountPoint);
+    // Moves to `mountPoint` the rows of a partition of the device recorded at
+    // another mount point and not seen in the current attach, when its files
+    // are now at `mountPoint`: a stick plugged in again elsewhere. Nothing
+    // happens while any SONGS, DIRECTORIES or PLAYLISTS row lies at or below
+    // `mountPoint`. A partition's files are at a mount point when up to 64 of
+    // its songs, spread over it in path order, are regular files there
+    // modified at their stored time (to 2 s); a partition without songs, or
+    // whose files are still at its own mount point, is not moved. The first
+    // that matches, by mount point, has its rows' paths and the ids made of
+    // them rewritten as an indexing at `mountPoint` makes them, its status
+    // moved to `mountPoint` and its partition record dropped, in one
+    // transaction. Returns whether rows were moved; a failure is logged and
+    // moves nothing. Call after createDb.
+    bool adoptMovedPartition(const std::string& devId, const std::string& mountPoint);
 
     // Records `status` for the mount point with the current time; false when
     // it could not be written. Does not create a database that does not exist.
