@@ -558,3 +558,118 @@ TEST_F(EndToEndTest, UnreadSongsAreReadAgainAndFailedWritesLogged) {
     index(usb);
     EXPECT_EQ(5, cap.count("exec failed: 1 cannot commit - no transaction is active"));
 }
+
+namespace {
+
+// How a stick is made from tree/ and mounted at $M, and how it is moved from
+// $F to $M: a folder (moved), or an exFAT or FAT32 image on a loop device
+// (named in the file "loop") mounted through FUSE, unmounted and its FUSE
+// daemon gone before it is mounted again. FAT keeps local time: its clock
+// moves when it is mounted again under another time zone ($Z); the others'
+// through the mount.
+struct Stick {
+    std::string name, make, move;
+};
+void PrintTo(const Stick& stick, std::ostream* os) {
+    *os << stick.name;
+}
+
+class ReplugTest : public EndToEndTest, public ::testing::WithParamInterface<Stick> {
+protected:
+    void TearDown() override {
+        sh("cd " + tree.path() +
+           " && for m in usb*; do fusermount -u $m; done; losetup -d $(cat loop)");
+        EndToEndTest::TearDown();
+    }
+    // Runs a stick's command with $F and $M the mount points `from` and `m`.
+    bool run(std::string command, const std::string& m, const std::string& from = "") {
+        for (auto [name, value] : {std::pair{"$M", m}, {"$F", from}, {"$Z", zone}})
+            for (size_t at; (at = command.find(name)) != std::string::npos;)
+                command.replace(at, 2, value);
+        return sh("cd " + tree.path() + " && " + command);
+    }
+    // Moves the clock of the stick at usb1 by `seconds`.
+    bool shift(long long seconds) {
+        shifted += seconds;
+        if (GetParam().move.find("$Z") != std::string::npos) {
+            const long long a = std::llabs(shifted);
+            zone = "UTC" + std::string(shifted < 0 ? "-" : "+") + std::to_string(a / 3600) + ":" +
+                   std::to_string(a / 60 % 60) + ":" + std::to_string(a % 60);
+            return run(GetParam().move, "usb1", "usb1");
+        }
+        for (const auto& f : std::filesystem::recursive_directory_iterator(tree.file("usb1")))
+            if (struct stat st; f.is_regular_file() && ::stat(f.path().c_str(), &st) == 0)
+                setMtime(f.path(), st.st_mtime + seconds);
+        return true;
+    }
+    long long shifted = 0;
+    std::string zone = "UTC";
+};
+
+}  // namespace
+
+// The same stick again, at another port (another mount point) or read under
+// another clock (every file moved by whole hours, as FAT's local time is
+// when the zone or daylight-saving time changes, or by a second, FAT's
+// grain): no song is read, nothing is signalled modified, and the tables
+// equal a clean index of the stick as it is now. Then every file touched,
+// at yet another port: read whole.
+TEST_P(ReplugTest, AStickPluggedInAgainIsNotReadAgain) {
+    const bool image = GetParam().make.find("loop") != std::string::npos;
+    if (image && !sh("test $(id -u) = 0 -a -w /dev/fuse && losetup -f && which mkfs.exfat "
+                     "mount.exfat-fuse mkfs.vfat mcopy fusefat"))
+        GTEST_SKIP() << "needs root, /dev/fuse, a free loop device and scripts/setup's tools";
+    for (const auto& [sample, path] : std::vector<std::pair<std::string, std::string>>{
+             {"gears-iron-road.mp3", "Music/Gears/iron.mp3"},
+             {"gears-copper-sky.mp3", "Music/Gears/copper.mp3"},
+             {"ferro-cafe-noir.flac", "Music/Jazz/café noir.flac"},
+             {"ferro-blue-hour.m4a", "Music/Jazz/blue hour.m4a"},
+             {"cp1251-id3v23.mp3", "Кино/группа.mp3"}})
+        tree.copySample(sample, "tree/" + path);
+    tree.write("tree/list.m3u", "Music/Gears/iron.mp3\nКино/группа.mp3\n");
+    for (const char* m : {"usb0", "usb1", "usb2"})
+        tree.mkdir(m);
+    ASSERT_TRUE(run(
+        (image ? "truncate -s 40M img && losetup -f --show img >loop && " : "") + GetParam().make,
+        "usb0"));
+    index(tree.file("usb0"));
+    ASSERT_EQ("OK", status(tree.file("usb0")));
+
+    onFile = [this](const std::string&) { ++calls; };
+    // What happens to the stick, where it is then, and how many songs are read.
+    const std::vector<std::tuple<std::string, std::function<bool()>, std::string, int>> events = {
+        {"another port", [&] { return run(GetParam().move, "usb1", "usb0"); }, "usb1", 0},
+        {"clock +1 h", [&] { return shift(3600); }, "usb1", 0},
+        {"clock -2 h", [&] { return shift(-7200); }, "usb1", 0},
+        {"clock +1 s", [&] { return shift(1); }, "usb1", 0},
+        {"all touched, another port",
+         [&] { return shift(54321) && run(GetParam().move, "usb2", "usb1"); }, "usb2", 5}};
+    for (const auto& [event, happen, where, reads] : events) {
+        SCOPED_TRACE(event);
+        const std::string mp = tree.file(where);
+        ASSERT_TRUE(happen());
+        calls = 0;
+        const QStringList sigs = index(mp);
+        EXPECT_EQ(reads, calls.load());
+        EXPECT_EQ(reads > 0, sigs.contains("contentModified " + QString::fromStdString(mp)));
+        EXPECT_EQ("OK", status(mp));
+        DatabaseMgr::instance().deleteDb("clean");
+        index(mp, true, "clean");
+        EXPECT_EQ("", dumpDifference(indexDump("clean"), indexDump(kDev)));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    FileSystems, ReplugTest,
+    ::testing::Values(
+        Stick{"folder", "cp -a tree/. $M", "rmdir $M && mv $F $M"},
+        Stick{"exFAT",
+              "mkfs.exfat $(cat loop) && mount.exfat-fuse $(cat loop) $M && cp -r tree/* $M",
+              "fusermount -u $F && while pgrep -f $(cat loop); do sleep 0.1; done && "
+              "mount.exfat-fuse $(cat loop) $M"},
+        Stick{"FAT32",
+              "mkfs.vfat -F 32 $(cat loop) && mcopy -s -i $(cat loop) tree/* ::/ && fusefat -o ro "
+              "$(cat loop) $M",
+              "fusermount -u $F && while pgrep -f $(cat loop); do sleep 0.1; done && TZ=$Z "
+              "fusefat -o ro $(cat loop) $M"}),
+    [](const ::testing::TestParamInfo<Stick>& info) { return info.param.name; });

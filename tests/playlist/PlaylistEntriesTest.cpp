@@ -7,12 +7,6 @@ using namespace olvane::test;
 
 namespace {
 
-// Runs `command` in a shell, its output dropped; whether it ended well.
-bool sh(const std::string& command) {
-    return QProcess::execute(
-               "sh", {"-c", QString::fromStdString("(" + command + ") >/dev/null 2>&1")}) == 0;
-}
-
 class PlaylistEntriesTest : public ::testing::TestWithParam<std::string> {
 protected:
     void TearDown() override {

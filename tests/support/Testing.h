@@ -41,4 +41,10 @@
 
 namespace olvane::test {
 using Strings = std::vector<std::string>;
+
+// Runs `command` in a shell, its output dropped; whether it ended well.
+inline bool sh(const std::string& command) {
+    return QProcess::execute(
+               "sh", {"-c", QString::fromStdString("(" + command + ") >/dev/null 2>&1")}) == 0;
+}
 }  // namespace olvane::test
