@@ -7,11 +7,8 @@
 #include "db/Collation.h"
 #include "db/DatabaseOpen.h"
 #include "db/Timer.h"
-#include "facade/KestrowQTProxy.h"
-#include "orchestration/Kestrow.h"
 #include "platform/common/Md5.h"
 #include "sql/SqlStream.h"
-#include "tests/support/SignalLog.h"
 #include "tests/support/Testing.h"
 
 namespace {
@@ -127,68 +124,6 @@ TEST_F(DatabaseMgrTest, DanglingPartitionsLoseTheirRows) {
                        "DIRECTORIES UNION ALL SELECT PLAYPATH FROM PLAYLISTS) GROUP BY X;"));
     EXPECT_EQ((decltype(mgr.getStatuses("")){{"/media/usb_2", "OK"}, {"/media/usbb", "OK"}}),
               mgr.getStatuses("dev"));
-}
-
-// A stick indexed at one mount point and plugged in again at another, as
-// the indexings through the facade see it. Its rows move there before the
-// walk: "OK" is told at once, nothing is read again, and the tables equal a
-// clean index of the tree there. A song whose time is 2 s off (FAT) is
-// still the stick's. Not moved, read in full and the old rows dropped: a
-// stick whose song is 3 s off, or a partition still at its mount point.
-TEST_F(DatabaseMgrTest, AStickPluggedInElsewhereKeepsItsRows) {
-    struct Scheduler : kestrow::Kestrow {
-        Scheduler() { launch(), start(), KestrowQTProxy::instance().setScheduler(this); }
-        ~Scheduler() { stop(), join(), KestrowQTProxy::instance().setScheduler(nullptr); }
-    } scheduler;
-    auto index = [&](const char* dev, const std::string& mountPoint) {
-        olvane::test::SignalLog sigs;
-        const QString mp = QString::fromStdString(mountPoint);
-        KestrowQTProxy::instance().startIndexing(dev, mp, true);
-        EXPECT_TRUE(olvane::test::waitFor(
-            [&] {
-                return sigs.entries.contains("indexingFinished " + mp) &&
-                       scheduler.registeredCount() == 0;
-            },
-            60000));
-        return sigs.entries;
-    };
-    const struct {
-        const char* name;
-        int shift;  // of one song's time at the new mount point
-        bool copied, moved;
-    } cases[] = {{"moved", 0, false, true},
-                 {"moved, a time 2 s off", -2, false, true},
-                 {"a time 3 s off", 3, false, false},
-                 {"still at its mount point", 0, true, false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        olvane::test::TempDir tree;
-        const std::string from = tree.file("usb0"), to = tree.file("usb1");
-        mgr.setDatabaseDirectory(tree.file("db"));
-        tree.copySample("gears-iron-road.mp3", "usb0/Gears/iron.mp3");
-        tree.copySample("gears-copper-sky.mp3", "usb0/Gears/Live/copper.mp3");
-        tree.copySample("ferro-cafe-noir.flac", "usb0/ferro.flac");
-        tree.write("usb0/Lists/road.m3u", "../Gears/Live/copper.mp3\n../ferro.flac\n");
-        index("dev", from);
-        if (c.copied)
-            ASSERT_EQ(0, QProcess::execute("cp", {"-a", from.c_str(), to.c_str()}));
-        else
-            fs::rename(from, to);
-        const std::string song = to + "/Gears/iron.mp3";
-        struct stat st;
-        ASSERT_EQ(0, ::stat(song.c_str(), &st));
-        olvane::test::setMtime(song, st.st_mtime + c.shift);
-        const QStringList sigs = index("dev", to);
-        index("clean", to);
-        EXPECT_EQ("", olvane::test::dumpDifference(olvane::test::indexDump("clean"),
-                                                   olvane::test::indexDump("dev")));
-        EXPECT_EQ((decltype(mgr.getStatuses("")){{to, "OK"}}), mgr.getStatuses("dev"));
-        EXPECT_EQ(c.moved, sigs.contains("databaseExists dev " + QString::fromStdString(to)));
-        if (c.shift == 0) {  // a song 2 s off may be read again
-            EXPECT_EQ(c.moved, sigs.filter("contentModified").isEmpty())
-                << sigs.join(", ").toStdString();
-        }
-    }
 }
 
 // A database keeps its -wal and -shm files after its last connection closes,
