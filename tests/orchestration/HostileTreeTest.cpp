@@ -1,7 +1,8 @@
-// Indexes a device made to hurt: odd names, deep and wide trees, special
-// files, broken songs, link loops, huge and hostile playlists, entries and
-// links that lead outside the mount point. The host program runs as an
-// unprivileged user, so that unreadable files are unreadable.
+// Indexes a device made to hurt: odd names, deep and wide trees, broken
+// songs, link loops, huge and hostile playlists, entries and links that lead
+// outside the mount point (FIFOs and folders named like songs are the
+// crawler's, in MsdStagesTest). The host program runs as an unprivileged
+// user, so that unreadable files are unreadable.
 #include <sys/inotify.h>
 
 #include <sstream>
@@ -74,8 +75,6 @@ TEST_F(HostileTreeTest, IndexingEndsWithEverySongAndReadsNothingOutside) {
     song("deep" + QString("/d").repeated(200).toStdString() + "/s.mp3");
     for (int i = 0; i < 50000; ++i)
         tmp.mkdir("a/b/usb/wide/" + std::to_string(i));
-    ASSERT_EQ(0, ::mkfifo(usb("fifo.mp3").c_str(), 0666));
-    song("x.mp3/s.mp3");  // a folder named like a song
     song("locked/x.mp3");
     ASSERT_EQ(0, ::chmod(usb("locked/x.mp3").c_str(), 0));
     song("locked/deep/t.mp3", "gears-old-times.mp3");
@@ -139,8 +138,8 @@ TEST_F(HostileTreeTest, IndexingEndsWithEverySongAndReadsNothingOutside) {
     // Anything that opens what lies outside shows here.
     const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     ASSERT_LE(0, watch);
+    // A folder's watch sees what is opened or read inside it too.
     ASSERT_LE(0, ::inotify_add_watch(watch, outside.c_str(), IN_OPEN | IN_ACCESS));
-    ASSERT_LE(0, ::inotify_add_watch(watch, (outside + "/passwd").c_str(), IN_OPEN | IN_ACCESS));
     char events[4096];
     ::close(::open((outside + "/passwd").c_str(), O_RDONLY));  // the watch sees an open
     ASSERT_LT(0, ::read(watch, events, sizeof events));

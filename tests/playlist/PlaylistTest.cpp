@@ -28,7 +28,7 @@ TEST_F(PlaylistTest, MinerNamesTheSongsPlayersOpen) {
         t.write(std::string("usb/") + song, "");
     // Each entry as written in a playlist of usb/Music, and the song it names
     // (a remote entry names itself; "" is dropped).
-    gchar* mountUri = g_filename_to_uri(usb.c_str(), nullptr, nullptr);
+    g_autofree gchar* mountUri = g_filename_to_uri(usb.c_str(), nullptr, nullptr);
     const std::vector<std::pair<std::string, std::string>> shapes = {
         {"a.mp3", "Music/a.mp3"},
         {"./Ünï/../Ünï/ü.mp3", "Music/Ünï/ü.mp3"},
@@ -43,7 +43,6 @@ TEST_F(PlaylistTest, MinerNamesTheSongsPlayersOpen) {
         {"http://radio.example/live?x=1&y=2#z", "http://radio.example/live?x=1&y=2#z"},
         {"..\\..\\etc\\passwd", ""},
     };
-    g_free(mountUri);
     std::string m3u = "#EXTM3U\r\n", m3u8 = "\xEF\xBB\xBF", pls = "[playlist]\r\n",
                 wpl = "<?wpl version=\"1.0\"?><smil><body><seq>";
     Strings songs;
@@ -59,7 +58,7 @@ TEST_F(PlaylistTest, MinerNamesTheSongsPlayersOpen) {
         if (!shapes[i].second.empty())
             songs.push_back(shapes[i].second);
     }
-    gchar* cp1251 = g_convert(
+    g_autofree gchar* cp1251 = g_convert(
         "#EXTM3U\r\n#EXTINF:245,Кино - Группа крови\r\nКино - Группа крови.mp3\r\n"
         "#EXTINF:397,Кино - Кукушка\r\n\\Музыка\\Кукушка.mp3\r\n",
         -1, "WINDOWS-1251", "UTF-8", nullptr, nullptr, nullptr);
@@ -79,7 +78,6 @@ TEST_F(PlaylistTest, MinerNamesTheSongsPlayersOpen) {
         {"Music/garbage.pls", {garbage, {}}},
         {"Music/garbage.wpl", {garbage, {}}},
     };
-    g_free(cp1251);
     auto in = makeBlock<kestrow::FileInfo>(testOperation(usb));
     for (const auto& p : playlists)
         in->items.push_back(new kestrow::FileInfo(t.write("usb/" + p.first, p.second.first), 0, 1));
