@@ -75,11 +75,7 @@ struct MSDMiner::Pass {
 MSDMiner::MSDMiner(const char* name_, unsigned workers_)
     : Server<Block<FileInfo*>, Block<MetaDataInfo*>>(name_),
       workers(std::min(workers_ ? workers_ : coreCount(), kMaxWorkers)),
-      goneOperation(-1) {
-    // Ready by the time the first songs are read, which need it for any Asian
-    // text; the walk and the comparison come first.
-    MetaDataInfo::prepareAsianReading();
-}
+      goneOperation(-1) {}
 
 void MSDMiner::markGone(Operation& op) {
     op.deviceGone = true;
@@ -186,6 +182,10 @@ boost::shared_ptr<Block<MetaDataInfo*>> MSDMiner::doOperation(
     ZQLOG_INFO("MSDMiner for: %u (op: %d)", unsigned(in->items.size()), in->operation.id);
     Timer timer;
     silenceTagLib();
+    // Built in the background once there are songs to read, for the first
+    // Asian text among them: an indexing that reads no song never builds it.
+    if (!in->items.empty())
+        MetaDataInfo::prepareAsianReading();
 
     boost::shared_ptr<Block<MetaDataInfo*>> out(new Block<MetaDataInfo*>());
     out->operation = in->operation;

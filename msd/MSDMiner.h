@@ -36,8 +36,9 @@ public:
     static constexpr unsigned kMaxWorkers = 4;
 
     // `workers` threads read a block, at most kMaxWorkers; 0 means one per
-    // core (std::thread::hardware_concurrency). Has the Asian-reading
-    // transliterator built in the background (MetaDataInfo::prepareAsianReading).
+    // core (std::thread::hardware_concurrency). The first block with songs
+    // has the Asian-reading transliterator built in the background
+    // (MetaDataInfo::prepareAsianReading).
     explicit MSDMiner(const char* name, unsigned workers = 0);
 
     // Called with each file's path before it is read, on whichever thread
