@@ -75,12 +75,12 @@ protected:
     olvane::LogCapture cap;
 };
 
-// One tree with every kind of name and link: what is a song or a playlist,
-// what is skipped (hidden files, .TRASH, $RECYCLE.BIN, links out of the
-// mount point or back into a walked folder), and the folders in breadth-first
-// order, each after its parent. A size past 32 bits (a sparse 3 GiB file)
-// must not fail stat, on 32-bit targets too.
-TEST_F(MsdStagesTest, CrawlerSortsNamesSkipsLinksOutAndWalksBreadthFirst) {
+// One tree with every kind of name: what is a song or a playlist, what is
+// skipped (hidden files, .TRASH, $RECYCLE.BIN, a link back into a walked
+// folder; links out of the mount point are HostileTreeTest's), and the
+// folders in breadth-first order, each after its parent. A size past 32
+// bits (a sparse 3 GiB file) must not fail stat, on 32-bit targets too.
+TEST_F(MsdStagesTest, CrawlerSortsNamesSkipsWalkedFoldersAndWalksBreadthFirst) {
     Paths songs = {"Song.MP3",       "song.Mp3",     "a.m3u.mp3", "b.m4b",       "c.M4A",
                    "d.wma",          "e.aac",        "f.wav",     "g.mpg",       "h.MPEG",
                    "i.asf",          "j.m4p",        "k.flac",    "l.m4r",       "m.mp4",
@@ -95,10 +95,8 @@ TEST_F(MsdStagesTest, CrawlerSortsNamesSkipsLinksOutAndWalksBreadthFirst) {
             t.write("usb/" + name, "");
     t.mkdir("usb/folder.mp3");
     t.mkdir("usb/A/B2");
-    t.write("outside/x.mp3", "");
     ASSERT_EQ(0, mkfifo(t.file("usb/pipe.mp3").c_str(), 0644));
-    const char* links[] = {"..",      "music/up",    "/",     "root", "../outside/x.mp3",
-                           "out.mp3", "music/a.mp3", "in.mp3"};  // target, link
+    const char* links[] = {"..", "music/up", "music/a.mp3", "in.mp3"};  // target, link
     for (size_t i = 0; i < std::size(links); i += 2)
         ASSERT_EQ(0, ::symlink(links[i], (usb + "/" + links[i + 1]).c_str())) << links[i + 1];
     ASSERT_EQ(0, truncate(t.file("usb/big.mp4").c_str(), off_t(3LL << 30)));

@@ -8,10 +8,10 @@
 
 namespace olvane::test {
 
+// An operation of device "dev1".
 inline kestrow::Operation testOperation(const std::string& mountPoint = "/media/usb",
-                                        bool last = true, int id = 7,
-                                        const std::string& deviceId = "dev1") {
-    return kestrow::Operation(id, 0, deviceId, mountPoint, last);
+                                        bool last = true, int id = 7) {
+    return kestrow::Operation(id, 0, "dev1", mountPoint, last);
 }
 
 // An empty Block<T*> of `op`; the records pushed into it are owned by it.
