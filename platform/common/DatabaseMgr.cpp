@@ -17,6 +17,7 @@
 
 #include "platform/common/Handles.h"
 #include "platform/common/Md5.h"
+#include "platform/common/MetaDataInfo.h"
 #include "platform/common/MountPointScope.h"
 #include "platform/log/ZQLog.h"
 
@@ -364,17 +365,14 @@ void sqlId(sqlite3_context* ctx, int, sqlite3_value** argv) {
 void sqlDir(sqlite3_context* ctx, int, sqlite3_value** argv) {
     if (sqlite3_value_type(argv[0]) == SQLITE_NULL)
         return sqlite3_result_null(ctx);
-    const std::string path = textOf(argv[0]);
-    const size_t slash = path.rfind('/');
-    resultText(ctx, slash == std::string::npos ? std::string() : path.substr(0, slash ? slash : 1));
+    resultText(ctx, MetaDataInfo::directoryOf(textOf(argv[0])));
 }
 
 // olvane_name(path): the last component of a path, as a folder's NAME.
 void sqlName(sqlite3_context* ctx, int, sqlite3_value** argv) {
     if (sqlite3_value_type(argv[0]) == SQLITE_NULL)
         return sqlite3_result_null(ctx);
-    const std::string path = textOf(argv[0]);
-    resultText(ctx, path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1));
+    resultText(ctx, MetaDataInfo::lastComponent(textOf(argv[0])));
 }
 
 // olvane_rebase(path, from, to): a path at or below mount point `from` moved

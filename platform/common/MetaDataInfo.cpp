@@ -14,20 +14,6 @@
 
 namespace {
 
-std::string directoryOf(const std::string& path) {
-    size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return std::string();
-    if (slash == 0)
-        return "/";
-    return path.substr(0, slash);
-}
-
-std::string lastComponent(const std::string& path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 // One transliterator for the process; it is not thread-safe. State below is
 // protected by latinMutex.
 std::mutex latinMutex;
@@ -46,6 +32,20 @@ struct Preparation {
 } preparation;
 
 }  // namespace
+
+std::string MetaDataInfo::directoryOf(const std::string& path) {
+    size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return std::string();
+    if (slash == 0)
+        return "/";
+    return path.substr(0, slash);
+}
+
+std::string MetaDataInfo::lastComponent(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
 
 int MetaDataInfo::audioTypeFromPath(const std::string& path) {
     size_t dot = path.rfind('.');

@@ -51,6 +51,10 @@ public:
         AUDIO_MPEG = 6,  // .mpg .mpeg
     };
     static int audioTypeFromPath(const std::string& path);
+    // The folder of a path as the crawler names it ("/" for "/a", "" for a
+    // path without '/'), and its last component.
+    static std::string directoryOf(const std::string& path);
+    static std::string lastComponent(const std::string& path);
 
     std::string path;
     std::string mountPoint;
